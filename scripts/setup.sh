@@ -1,0 +1,40 @@
+#!/usr/bin/env bash
+# Installs what the build, the tests and the armhf cross build need on Debian 12.
+# Does nothing when everything is there already.
+set -euo pipefail
+
+native=(g++ cmake make pkg-config libgtest-dev libbenchmark-dev libmxml-dev
+        unzip zip iproute2 util-linux binutils
+        g++-arm-linux-gnueabihf binutils-arm-linux-gnueabihf qemu-user)
+armhf=(libmxml-dev:armhf libgtest-dev:armhf)
+
+arch=$(dpkg --print-architecture)
+# Qualify plain names with the native architecture: once the armhf twin of a
+# package is installed, an unqualified query answers for both.
+installed() {
+    local p=$1; case $p in *:*) ;; *) p=$p:$arch ;; esac
+    dpkg-query -W -f='${db:Status-Status}' "$p" 2>/dev/null | grep -qx installed ||
+        dpkg-query -W -f='${db:Status-Status}' "${p%:*}:all" 2>/dev/null | grep -qx installed
+}
+
+missing=()
+for p in "${native[@]}" "${armhf[@]}"; do installed "$p" || missing+=("$p"); done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+need_arch=0
+dpkg --print-foreign-architectures | grep -qx armhf || need_arch=1
+
+if [ "$(id -u)" -ne 0 ]; then
+    echo "setup: missing packages: ${missing[*]}" >&2
+    echo "setup: run as root:" >&2
+    [ $need_arch -eq 1 ] && echo "  dpkg --add-architecture armhf" >&2
+    echo "  apt-get update && apt-get install -y ${missing[*]}" >&2
+    exit 1
+fi
+
+echo "setup: installing ${missing[*]}"
+[ $need_arch -eq 1 ] && dpkg --add-architecture armhf
+# A mirror that is half-way through a sync fails one index now and then; the
+# packages we need are still found in the others, so go on and let install decide.
+apt-get update -qq || echo "setup: apt-get update reported errors, trying the install anyway" >&2
+DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}"

@@ -1,0 +1,286 @@
+// The log: thresholds, record composition, output to files, stdout or a function.
+//
+// Concurrency: no heap and no file kept open; every call works on its own
+// stack buffers and its own stream, so any thread may log at any time.
+// gstLogObj and the module table are read without a lock and written with
+// single word stores. The one lock is per log file, round the rotation steps.
+#include <pthread.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+#include "ibp/isp_log.h"
+#include "ibp/isp_system.h"
+#include "log/log_internal.h"
+
+IBP_LOG_SOURCE("isp_log");
+
+namespace {
+
+constexpr u32 kRecordMax = 1024;  // 1023 characters and the end mark
+constexpr u32 kPlaceMax = 64;     // "file-line", 63 characters and the end mark
+constexpr u32 kNameCmpMax = 16;
+
+LOG_MODULE_S g_astLogModule[LOG_MODULE_NUM] = {
+    {"BP", "/var/log/ISP_ALG00.log", "/var/log/ISP_ALG01.log", 0x40000},
+    {"AE", "/var/log/ISP_ALG00.log", "/var/log/ISP_ALG01.log", 0x40000},
+    {"AWB", "/var/log/ISP_ALG00.log", "/var/log/ISP_ALG01.log", 0x40000},
+    {"ADN", "/var/log/ISP_ALG00.log", "/var/log/ISP_ALG01.log", 0x40000},
+    {"LED", "/var/log/ISP_ALG00.log", "/var/log/ISP_ALG01.log", 0x40000},
+    {"AF", "/var/log/ISP_AF00.log", "/var/log/ISP_AF01.log", 0x40000},
+    {"AF_CALI", "/var/log/ISP_AF_Cali.log", "/var/log/ISP_AF_Cali01.log", 0},
+    {"AF_TEST", "/var/log/AF_Test00.log", "/var/log/AF_Test01.log", 0},
+    {"IMG", "/var/log/ISP_IMG00.log", "/var/log/ISP_IMG01.log", 0x40000},
+    {"CLI", "/var/log/ISP_CLI00.log", "/var/log/ISP_CLI01.log", 0x40000},
+    {"WP", "/var/log/ISP_ALG00.log", "/var/log/ISP_ALG01.log", 0x40000},
+    {"FD", "/var/log/ISP_FD00.log", "/var/log/ISP_FD01.log", 0x40000},
+};
+
+// One rotation guard per row; rows that share a file use the guard of the
+// first row naming that file, so two writers never rotate one file twice.
+pthread_mutex_t g_astRotateLock[LOG_MODULE_NUM] = {
+    PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER,
+    PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER,
+    PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER,
+    PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER,
+};
+
+// Lock-free reads and writes of single words that other threads change.
+template <typename T> T LoadRelaxed(const T &ref) { return __atomic_load_n(&ref, __ATOMIC_RELAXED); }
+template <typename T> void StoreRelaxed(T &ref, T value) { __atomic_store_n(&ref, value, __ATOMIC_RELAXED); }
+
+s32 LOG_StdoutOutput(const char *pcText)
+{
+    fputs(pcText, stdout);
+    fflush(stdout);
+    return 0;
+}
+
+pthread_mutex_t *LOG_RotateLockOf(u32 ulModule)
+{
+    const char *pcFile = g_astLogModule[ulModule].pcFile;
+    for (u32 i = 0; i < ulModule; i++) {
+        if (strcmp(g_astLogModule[i].pcFile, pcFile) == 0)
+            return &g_astRotateLock[i];
+    }
+    return &g_astRotateLock[ulModule];
+}
+
+// Moves pcFile to pcBackupFile. The size is looked at again under the file's
+// guard: a writer that raced another over the limit finds the file already
+// rotated and leaves the generation just saved alone.
+void LOG_RotateFile(u32 ulModule)
+{
+    const LOG_MODULE_S &stRow = g_astLogModule[ulModule];
+    pthread_mutex_t *pstLock = LOG_RotateLockOf(ulModule);
+    pthread_mutex_lock(pstLock);
+    struct stat stInfo;
+    u32 ulMaxSize = LoadRelaxed(stRow.ulMaxSize);
+    if (stat(stRow.pcFile, &stInfo) == 0 && ulMaxSize != 0 &&
+        static_cast<unsigned long long>(stInfo.st_size) > ulMaxSize) {
+        (void)unlink(stRow.pcBackupFile);
+        (void)rename(stRow.pcFile, stRow.pcBackupFile);
+    }
+    pthread_mutex_unlock(pstLock);
+}
+
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+#pragma GCC diagnostic ignored "-Wformat-security"
+
+void LOG_WriteFile(u32 ulModule, const char *pcComposite, va_list args)
+{
+    const LOG_MODULE_S &stRow = g_astLogModule[ulModule];
+    FILE *pFile = fopen(stRow.pcFile, "a");
+    if (pFile == nullptr) {
+        int err = errno;
+        printf("open log file %s failed! errno=%d %s\n", stRow.pcFile, err, strerror(err));
+        return;
+    }
+    vfprintf(pFile, pcComposite, args);
+    long lPos = ftell(pFile);
+    if (lPos < 0) {
+        int err = errno;
+        printf("ftell failed! errno=%d %s\n", err, strerror(err));
+        fclose(pFile);
+        return;
+    }
+    fclose(pFile);
+    u32 ulMaxSize = LoadRelaxed(stRow.ulMaxSize);
+    if (ulMaxSize != 0 && static_cast<unsigned long>(lPos) > ulMaxSize)
+        LOG_RotateFile(ulModule);
+}
+
+// Writes the expanded head and the caller's format, still unexpanded, into
+// pcOut: one composite format of at most 1023 characters.
+void LOG_ComposeFormat(char (&acOut)[kRecordMax], u32 ulModule, u32 ulLevel,
+                       const char *pcSrcFile, const char *pcFunc, s32 lLine,
+                       const char *pcFormat)
+{
+    char acPlace[kPlaceMax];
+    snprintf(acPlace, sizeof(acPlace), "%s-%d", pcSrcFile, lLine);
+
+    struct timeval stNow;
+    gettimeofday(&stNow, nullptr);
+    struct tm stTm;
+    time_t tSec = stNow.tv_sec;
+    localtime_r(&tSec, &stTm);
+
+    memset(acOut, 0, sizeof(acOut));
+    int lHead = snprintf(acOut, sizeof(acOut),
+                         "%.4d-%.2d-%.2d %.2d:%.2d:%.2d.%.3ld %-20s@%-24s [%3s][%s]",
+                         stTm.tm_year + 1900, stTm.tm_mon + 1, stTm.tm_mday, stTm.tm_hour,
+                         stTm.tm_min, stTm.tm_sec, static_cast<long>(stNow.tv_usec / 1000),
+                         acPlace, pcFunc, g_apcLogLevelName[ulLevel],
+                         g_astLogModule[ulModule].pcName);
+    size_t ulUsed = (lHead < 0) ? 0 : strlen(acOut);
+    size_t ulRoom = kRecordMax - 1 - ulUsed;
+    size_t ulFmtLen = strnlen(pcFormat, ulRoom);
+    memcpy(acOut + ulUsed, pcFormat, ulFmtLen);
+    ulUsed += ulFmtLen;
+    if ((ulUsed == 0 || acOut[ulUsed - 1] != '\n') && ulUsed < kRecordMax - 1)
+        acOut[ulUsed] = '\n';
+}
+
+}  // namespace
+
+extern "C" {
+
+LOG_OBJ_S gstLogObj;
+const char *const g_apcLogLevelName[LOG_LEVEL_NUM] = {"DBG", "INF", "WRN", "ERR"};
+const char *const g_apcOldLogFile[12] = {
+    "/tmp/isp_comm00.log", "/tmp/isp_comm01.log", "/tmp/isp_adn00.log", "/tmp/isp_adn01.log",
+    "/tmp/isp_ae00.log",   "/tmp/isp_ae01.log",   "/tmp/isp_awb00.log", "/tmp/isp_awb01.log",
+    "/tmp/isp_led00.log",  "/tmp/isp_led01.log",  "/tmp/isp_itf00.log", "/tmp/isp_itf01.log",
+};
+
+IBP_API void LOG_Pirnt(u32 ulModule, u32 ulLevel, const char *pcSrcFile, const char *pcFunc,
+                       s32 lLine, const char *pcFormat, ...)
+{
+    if (LoadRelaxed(gstLogObj.bInited) == 0) {
+        puts("isp log not initialized");
+        return;
+    }
+    if (ulModule >= LOG_MODULE_NUM) {
+        printf("module %d invalid, set to BP\n", ulModule);
+        ulModule = LOG_MODULE_BP;
+    }
+    if (ulLevel >= LOG_LEVEL_NUM) {
+        printf("level %d invalid, set to INFO\n", ulLevel);
+        ulLevel = LOG_LEVEL_INF;
+    }
+    if (LoadRelaxed(gstLogObj.aulLevel[ulModule]) > ulLevel)
+        return;
+
+    char acComposite[kRecordMax];
+    LOG_ComposeFormat(acComposite, ulModule, ulLevel, pcSrcFile, pcFunc, lLine, pcFormat);
+
+    va_list args;
+    va_start(args, pcFormat);
+    if (LoadRelaxed(gstLogObj.ulOutputMode) == LOG_OUTPUT_FILE) {
+        LOG_WriteFile(ulModule, acComposite, args);
+    } else {
+        LOG_OUTPUT_PFN pfnOutput = LoadRelaxed(gstLogObj.pfnOutput);
+        if (pfnOutput != nullptr) {
+            char acText[kRecordMax];
+            memset(acText, 0, sizeof(acText));
+            vsnprintf(acText, sizeof(acText), acComposite, args);
+            pfnOutput(acText);
+        }
+    }
+    va_end(args);
+}
+
+#pragma GCC diagnostic pop
+
+IBP_API u32 IBP_LOG_Init(const LOG_INIT_S *pstInit)
+{
+    if (pstInit == nullptr) {
+        puts("pstInit is NULL!");
+        return 1;
+    }
+    memset(&gstLogObj, 0, sizeof(gstLogObj));
+    gstLogObj.ulOutputMode = pstInit->ulOutputMode;
+    switch (pstInit->ulOutputMode) {
+    case LOG_OUTPUT_FILE:
+        gstLogObj.pfnOutput = nullptr;
+        break;
+    case LOG_OUTPUT_STDOUT:
+        gstLogObj.pfnOutput = LOG_StdoutOutput;
+        break;
+    default:
+        gstLogObj.pfnOutput = pstInit->pfnOutput;
+        break;
+    }
+    memcpy(gstLogObj.aulLevel, pstInit->aulLevel, sizeof(gstLogObj.aulLevel));
+    StoreRelaxed(gstLogObj.bInited, 1u);
+    for (const char *pcOld : g_apcOldLogFile)
+        (void)ISP_unlink(pcOld);
+    IBP_INF("bp log init success!");
+    return 0;
+}
+
+IBP_API void IBP_LOG_Destroy(void)
+{
+    StoreRelaxed(gstLogObj.bInited, 0u);
+    StoreRelaxed(gstLogObj.pfnOutput, static_cast<LOG_OUTPUT_PFN>(nullptr));
+}
+
+IBP_API u32 IBP_LOG_SetLevelByModule(u32 ulModule, u32 ulLevel)
+{
+    if (ulModule >= LOG_MODULE_NUM) {
+        IBP_ERR("module %d invalid, set to BP", ulModule);
+        ulModule = LOG_MODULE_BP;
+    }
+    if (ulLevel >= LOG_LEVEL_NUM) {
+        IBP_ERR("level %d invalid, set to INFO", ulLevel);
+        ulLevel = LOG_LEVEL_INF;
+    }
+    StoreRelaxed(gstLogObj.aulLevel[ulModule], ulLevel);
+    IBP_ERR("set module %d log level to %d", ulModule, ulLevel);
+    return 0;
+}
+
+IBP_API u32 IBP_LOG_SetLevelByName(const char *pcName, u32 ulLevel)
+{
+    if (pcName == nullptr) {
+        IBP_ERR("pcName is NULL");
+        return 1;
+    }
+    if (ulLevel >= LOG_LEVEL_NUM) {
+        IBP_ERR("level %d invalid", ulLevel);
+        return 1;
+    }
+    for (u32 i = 0; i < LOG_MODULE_NUM; i++) {
+        if (strncasecmp(pcName, g_astLogModule[i].pcName, kNameCmpMax) == 0) {
+            StoreRelaxed(gstLogObj.aulLevel[i], ulLevel);
+            IBP_INF("set module %s log level to %d", pcName, ulLevel);
+            return 0;
+        }
+    }
+    IBP_ERR("module %s not found", pcName);
+    return 1;
+}
+
+IBP_API u32 IBP_LOG_SetFileSizeByModule(u32 ulModule, u32 ulSize)
+{
+    if (ulModule >= LOG_MODULE_NUM) {
+        IBP_ERR("module %d invalid, set to BP", ulModule);
+        ulModule = LOG_MODULE_BP;
+    }
+    const char *pcFile = g_astLogModule[ulModule].pcFile;
+    StoreRelaxed(g_astLogModule[ulModule].ulMaxSize, ulSize);
+    for (LOG_MODULE_S &stRow : g_astLogModule) {
+        if (strcmp(stRow.pcFile, pcFile) == 0)
+            StoreRelaxed(stRow.ulMaxSize, ulSize);
+    }
+    IBP_ERR("set log file %s size to %u", pcFile, ulSize);
+    return 0;
+}
+
+}  // extern "C"
