@@ -13,8 +13,8 @@ run_suite() {  # name, cmake options...
     local name=$1; shift
     local dir=$root/$name log
     echo "== $name: configure and build"
-    if ! cmake -S "$src" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DIBP_BUILD_APPS=ON "$@" >"$dir.configure.log" 2>&1 &&
-         cmake --build "$dir" -j "$jobs" >"$dir.build.log" 2>&1; then
+    if ! { cmake -S "$src" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DIBP_BUILD_APPS=ON "$@" >"$dir.configure.log" 2>&1 &&
+           cmake --build "$dir" -j "$jobs" >"$dir.build.log" 2>&1; }; then
         cat "$dir.configure.log" "$dir.build.log" 2>/dev/null | grep -E 'error|Error' | head -n 40
         echo "== $name: build FAILED (see $dir.build.log)"
         failed=$((failed + 1))
