@@ -9,6 +9,7 @@
 #include <netdb.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <pthread.h>
 #include <signal.h>
 #include <stdarg.h>
 #include <stdio.h>
@@ -169,6 +170,121 @@ IBP_API int ISP_usleep(unsigned int usec);
 IBP_API int ISP_rand(void);
 IBP_API int ISP_getlasterr(void);
 IBP_API void ISP_setlasterr(int value);
+
+/* ================================================================ threads, locks, processes
+ * These report 0 / -1 where they add logic of their own, unless noted. */
+
+#if defined(__GNUC__)
+#define ISP_NORETURN __attribute__((noreturn))
+#else
+#define ISP_NORETURN
+#endif
+
+/* Flag word of ISP_thr_create; other bits are ignored. JOINABLE wins over
+ * DETACHED; FIFO wins over RR, RR over OTHER. */
+#define ISP_THR_DETACHED    0x40u
+#define ISP_THR_JOINABLE    0x10000u
+#define ISP_THR_SCHED_FIFO  0x20000u
+#define ISP_THR_SCHED_RR    0x40000u
+#define ISP_THR_SCHED_OTHER 0x80000u
+
+typedef void *(*ISP_THR_ENTRY_PFN)(void *);
+
+/* Creates a thread; lPriority is clamped to the policy's range. pThread may
+ * be null. 0 or -1. */
+IBP_API s32 ISP_thr_create(ISP_THR_ENTRY_PFN pfnStart, void *pArg, u32 ulFlags,
+                           pthread_t *pThread, s32 lPriority);
+IBP_API int ISP_thr_cancel(pthread_t thread);
+IBP_API int ISP_thr_detach(pthread_t thread);
+/* The second argument is reserved; pass 0. */
+IBP_API int ISP_thr_join(pthread_t thread, u32 ulReserved, void **ppvRetval);
+IBP_API void ISP_thr_exit(void *pvRetval) ISP_NORETURN;
+IBP_API s32 ISP_thr_yield(void);
+IBP_API int ISP_thr_kill(pthread_t thread, int sig);
+IBP_API pthread_t ISP_thr_self(void);
+IBP_API int ISP_thr_equal(pthread_t t1, pthread_t t2);
+IBP_API int ISP_nice(int inc);
+
+/* Condition variables live in the caller's storage; hHandle is a mutex
+ * handle from ISP_mutex_init. The time-out is in milliseconds on
+ * CLOCK_REALTIME; the result is 0 or ETIMEDOUT (or another error number). */
+IBP_API int ISP_cond_init(pthread_cond_t *pCond);
+IBP_API int ISP_cond_signal(pthread_cond_t *pCond);
+IBP_API int ISP_cond_wait(pthread_cond_t *pCond, void *hHandle);
+IBP_API int ISP_cond_timedwait(pthread_cond_t *pCond, void *hHandle, s32 lMilliSec);
+IBP_API int ISP_cond_destroy(pthread_cond_t *pCond);
+
+/* Mutex handles: a heap block holding one default (non-recursive) mutex;
+ * null means no mutex. lock/unlock return the pthread result, or -1 for a
+ * null handle. */
+IBP_API void *ISP_mutex_init(void);
+IBP_API void ISP_mutex_destroy(void *hHandle);
+IBP_API s32 ISP_mutex_lock(void *hHandle);
+IBP_API s32 ISP_mutex_unlock(void *hHandle);
+
+IBP_API pid_t ISP_fork(void);
+IBP_API void ISP_exit(int status) ISP_NORETURN;
+IBP_API pid_t ISP_getpid(void);
+IBP_API pid_t ISP_waitpid(pid_t pid, int *wstatus, int options);
+IBP_API int ISP_pipe(int pipefd[2]);
+IBP_API FILE *ISP_popen(const char *command, const char *type);
+IBP_API int ISP_pclose(FILE *stream);
+
+/* Forwards to prctl; warns about a PR_SET_NAME name over 15 characters. */
+IBP_API int ISP_prctl(int lOption, unsigned long lArg2, unsigned long lArg3,
+                      unsigned long lArg4, unsigned long lArg5);
+/* 0 when this process now holds the lock of program pcName, 1 otherwise. */
+IBP_API s32 ISP_check_running(const char *pcName);
+/* Runs pcCmd with /bin/sh -c; returns the raw wait status, or -1. */
+IBP_API s32 ISP_system(const char *pcCmd);
+/* Entry of the child of ISP_system; not for other callers. */
+IBP_API int __isp_system_proc(void *pcCmd);
+
+/* ================================================================ files, strings, conversions, time */
+
+/* Note the order: nanoseconds first, the reverse of struct timespec. */
+typedef struct {
+    long lNanoSec;
+    time_t lSec;
+} ISP_TIMESPEC_S;
+
+typedef struct {
+    time_t lSec;
+    long lMicroSec;
+} ISP_TIMEVAL_S;
+
+/* Copies the contents of pcSrc over pcDst. 0 or -1. */
+IBP_API s32 ISP_copy(const char *pcSrc, const char *pcDst);
+/* Makes pcPath and its missing parents; existing directories are fine. */
+IBP_API s32 ISP_mkdir(const char *pcPath, u32 ulMode);
+/* Removes pcPath and everything under it, pausing *plPauseMs ms after each
+ * removed entry when plPauseMs is not null. */
+IBP_API s32 ISP_rmdir(const char *pcPath, const s32 *plPauseMs);
+
+/* ulLen is the length of the pattern pcSub, not a limit on pcStr. */
+IBP_API char *ISP_strnstr(const char *pcStr, const char *pcSub, u32 ulLen);
+IBP_API char *ISP_strlstr(const char *pcStr, const char *pcSub, u32 ulLen);
+/* Searches the first ulLen bytes of pcStr, past a terminator if need be. */
+IBP_API char *ISP_strnchr(const char *pcStr, s32 lChar, u32 ulLen);
+
+IBP_API char *ISP_ltoa(s32 lValue, char *pcBuf, s32 lRadix);
+IBP_API u64 ISP_atodul(const char *pcStr);
+/* pcBuf must hold 21 bytes; returns the number of characters written. */
+IBP_API s32 ISP_dultoa(u64 ullValue, char *pcBuf);
+IBP_API u64 ISP_htonll(u64 ullValue);
+IBP_API u64 ISP_ntohll(u64 ullValue);
+
+IBP_API struct tm ISP_gmtime(const time_t *pTime);
+IBP_API struct tm ISP_localtime(const time_t *pTime);
+IBP_API struct tm *ISP_localtime_r(const time_t *pTime, struct tm *pstOut);
+IBP_API ISP_TIMEVAL_S ISP_gettimeofday(void);
+IBP_API s32 ISP_settimeofday(const ISP_TIMEVAL_S *pstTime);
+IBP_API s32 ISP_clock_gettime(s32 lClock, ISP_TIMESPEC_S *pstTime);
+IBP_API s32 ISP_GetMonotonicTime(u64 *pullMilliSec);
+IBP_API s32 ISP_msleep(s32 lMilliSec);
+IBP_API s32 ISP_nanosleep(const ISP_TIMESPEC_S *pstReq, ISP_TIMESPEC_S *pstRem);
+/* The seed is taken by value: the same seed always gives the same number. */
+IBP_API int ISP_rand_r(u32 ulSeed);
 
 IBP_EXTERN_C_END
 

@@ -1,0 +1,28 @@
+// Internal seams of the ISP_ layer, reachable by the tests through the static
+// library: the attribute set-up of ISP_thr_create, the deadline of
+// ISP_cond_timedwait, and the tree removal of ISP_rmdir with the pause
+// function passed in.
+#pragma once
+
+#include <pthread.h>
+#include <time.h>
+
+#include "ibp/isp_types.h"
+
+namespace ibp::platform {
+
+// attr must be initialised; returns 0, or -1 when an attribute call failed.
+s32 ThrAttrApply(pthread_attr_t *attr, u32 ulFlags, s32 lPriority);
+
+// lPriority lowered to the policy's maximum, then raised to its minimum.
+s32 ThrClampPriority(int policy, s32 lPriority);
+
+// The absolute deadline lMilliSec after now, normalised to a valid time.
+timespec CondDeadline(timespec now, s32 lMilliSec);
+
+using PauseFn = s32 (*)(s32 lMilliSec);
+
+// ISP_rmdir with pfnPause called in place of ISP_msleep after each entry.
+s32 RmdirTree(const char *pcPath, const s32 *plPauseMs, PauseFn pfnPause);
+
+}  // namespace ibp::platform
