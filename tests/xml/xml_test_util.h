@@ -1,0 +1,61 @@
+// Files and open documents for the XML tests; everything lives in the
+// test's private /tmp.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <string>
+
+#include "harness/log_capture.h"
+#include "harness/test_env.h"
+#include "ibp/isp_xml.h"
+
+namespace xmltest {
+
+inline void WriteFile(const std::string &path, const std::string &data)
+{
+    FILE *fp = fopen(path.c_str(), "wb");
+    ASSERT_NE(fp, nullptr) << path;
+    ASSERT_EQ(fwrite(data.data(), 1, data.size(), fp), data.size());
+    fclose(fp);
+}
+
+inline bool Exists(const std::string &path)
+{
+    struct stat st {};
+    return lstat(path.c_str(), &st) == 0;
+}
+
+inline std::string WithDecl(const std::string &body)
+{
+    return "<?xml version=\"1.0\"?>\n" + body + "\n";
+}
+
+// A document of the given body, opened from /tmp/t.xml, closed at scope end.
+class Doc {
+public:
+    explicit Doc(const std::string &body, const std::string &path = "/tmp/t.xml")
+    {
+        WriteFile(path, WithDecl(body));
+        h = XML_InitLensFile(path.c_str());
+    }
+    ~Doc()
+    {
+        if (h != nullptr)
+            XML_Destroy(h);
+    }
+    Doc(const Doc &) = delete;
+    Doc &operator=(const Doc &) = delete;
+    XML_NODE Node(const char *path) const { return XML_GetNodeset(h, path); }
+
+    XML_HANDLE h = nullptr;
+};
+
+class XmlTest : public ::testing::Test {
+protected:
+    void SetUp() override { IBP_REQUIRE_ISOLATION(); }
+};
+
+}  // namespace xmltest
