@@ -1,0 +1,195 @@
+// Message handler tables of the modules and the loop that hands queued
+// messages to their handlers.
+#include <cstring>
+
+#include "ibp/isp_module.h"
+#include "ibp/isp_system.h"
+#include "log/log_internal.h"
+#include "runtime/mod_list.h"
+#include "runtime/module_internal.h"
+
+IBP_LOG_SOURCE("isp_module");
+
+namespace {
+
+MOD_MSG_PROC_S *MOD_ProcOf(MOD_LIST_S *pstLink) { return MOD_ListEntry(pstLink, &MOD_MSG_PROC_S::stNode); }
+
+// Under the table's lock: the first in-use entry, from the front, that serves
+// ulMsgID exactly (bExact) or also as a catch-all.
+MOD_MSG_PROC_S *MOD_FindEntryLocked(MOD_MSG_PROC_CTRL_S *pstCtrl, u32 ulMsgID, bool bExact)
+{
+    for (MOD_LIST_S *p = pstCtrl->stUsedList.pstNext; p != &pstCtrl->stUsedList; p = p->pstNext) {
+        MOD_MSG_PROC_S *pstProc = MOD_ProcOf(p);
+        if (pstProc->ulMsgID == ulMsgID || (!bExact && pstProc->ulMsgID == 0))
+            return pstProc;
+    }
+    return nullptr;
+}
+
+// Takes the oldest message off a module's ordinary queue and hands it to its
+// handler. False when the queue is empty.
+bool MOD_DeliverOne(MOD_MODULE_S *pstModule, bool *pbBadBuf)
+{
+    MOD_BUF_S *pstBuf = MOD_GetModuleMsg(&pstModule->stMsgCtrl, MOD_GET_BY_ORDER, 0);
+    if (pstBuf == nullptr)
+        return false;
+    // A block too short for a header is as unusable as none.
+    if (pstBuf->pMem == nullptr || pstBuf->ulLen < MSG_HDR_LEN) {
+        IBP_ERR("buf memory addr invalid");
+        MOD_FreeBuf(pstBuf);
+        *pbBadBuf = true;
+        return false;
+    }
+    // The records use a copy: the handler may change the message.
+    MSG_HDR_S stHdr;
+    memcpy(&stHdr, pstBuf->pMem, sizeof(stHdr));
+    MOD_CountMsg(&pstModule->ulRecvMsgCount, &pstModule->ulLastRecvMsg, stHdr.ulMsgID);
+
+    MOD_MSG_PROC_COPY_S stProc{};
+    if (!MOD_FindMsgProc(&pstModule->stMsgProcCtrl, stHdr.ulMsgID, &stProc) || stProc.pfnMsgProc == nullptr) {
+        IBP_WRN("msg proc func not found: " MOD_MSG_HDR_FMT, MOD_MSG_HDR_ARGS(&stHdr));
+    } else {
+        IBP_DBG("proc msg: " MOD_MSG_HDR_FMT, MOD_MSG_HDR_ARGS(&stHdr));
+        stProc.pfnMsgProc(stHdr.ulMsgID, pstBuf, stProc.pParam);
+        IBP_DBG("proc msg: id=%#x assId=%#x DONE!!!", stHdr.ulMsgID, stHdr.ulAssMsgID);
+    }
+    MOD_FreeBuf(pstBuf);
+    return true;
+}
+
+}  // namespace
+
+void MOD_InitMsgProcTable(MOD_MODULE_S *pstModule)
+{
+    MOD_MSG_PROC_CTRL_S &stCtrl = pstModule->stMsgProcCtrl;
+    MOD_InitListCtrl(&stCtrl, MOD_NOMINAL_MAX_NUM);
+    for (MOD_MSG_PROC_S &stProc : pstModule->astMsgProc) {
+        stProc.ulMsgID = 0;
+        stProc.pfnMsgProc = nullptr;
+        stProc.pParam = nullptr;
+        MOD_ListAddTail(&stCtrl.stFreeList, &stProc.stNode);
+    }
+}
+
+bool MOD_FindMsgProc(MOD_MSG_PROC_CTRL_S *pstCtrl, u32 ulMsgID, MOD_MSG_PROC_COPY_S *pstCopy)
+{
+    MOD_SemGuard lock(&pstCtrl->stLock);
+    const MOD_MSG_PROC_S *pstProc = MOD_FindEntryLocked(pstCtrl, ulMsgID, false);
+    if (pstProc == nullptr)
+        return false;
+    pstCopy->pfnMsgProc = pstProc->pfnMsgProc;
+    pstCopy->pParam = pstProc->pParam;
+    return true;
+}
+
+extern "C" {
+
+IBP_API u32 MOD_AddMsgProc(MOD_MSG_PROC_CTRL_S *pstMsgProcCtrl, u32 ulMsgID, MOD_MSG_PROC_PFN pfnMsgProc,
+                           void *pParam)
+{
+    if (pstMsgProcCtrl == nullptr) {
+        IBP_ERR("pstMsgProcCtrl is NULL");
+        return 1;
+    }
+    if (pfnMsgProc == nullptr) {
+        IBP_ERR("pfnMsgProc is NULL");
+        return 1;
+    }
+    enum { kAdded, kChanged, kFull } enResult = kAdded;
+    {
+        MOD_SemGuard lock(&pstMsgProcCtrl->stLock);
+        // A full table refuses even a change of an entry it holds.
+        if (MOD_ListEmpty(&pstMsgProcCtrl->stFreeList)) {
+            enResult = kFull;
+        } else if (MOD_MSG_PROC_S *pstProc = MOD_FindEntryLocked(pstMsgProcCtrl, ulMsgID, true)) {
+            pstProc->pfnMsgProc = pfnMsgProc;
+            pstProc->pParam = pParam;
+            enResult = kChanged;
+        } else {
+            MOD_MSG_PROC_S *pstFree = MOD_ProcOf(pstMsgProcCtrl->stFreeList.pstNext);
+            MOD_ListDel(&pstFree->stNode);
+            pstFree->ulMsgID = ulMsgID;
+            pstFree->pfnMsgProc = pfnMsgProc;
+            pstFree->pParam = pParam;
+            MOD_ListPushFront(&pstMsgProcCtrl->stUsedList, &pstFree->stNode);
+        }
+    }
+    if (enResult == kFull) {
+        IBP_ERR("get free msg proc struct fail!");
+        return 1;
+    }
+    if (enResult == kChanged)
+        IBP_WRN("proc info of msg %#x has been changed!", ulMsgID);
+    return 0;
+}
+
+IBP_API u32 MOD_DelMsgProc(MOD_MSG_PROC_CTRL_S *pstMsgProcCtrl, u32 ulMsgID)
+{
+    if (pstMsgProcCtrl == nullptr) {
+        IBP_ERR("pstMsgProcCtrl is NULL");
+        return 1;
+    }
+    MOD_SemGuard lock(&pstMsgProcCtrl->stLock);
+    MOD_MSG_PROC_S *pstProc = MOD_FindEntryLocked(pstMsgProcCtrl, ulMsgID, true);
+    if (pstProc == nullptr)
+        return 1;
+    pstProc->ulMsgID = 0;
+    pstProc->pfnMsgProc = nullptr;
+    pstProc->pParam = nullptr;
+    MOD_ListDel(&pstProc->stNode);
+    MOD_ListPushFront(&pstMsgProcCtrl->stFreeList, &pstProc->stNode);
+    return 0;
+}
+
+IBP_API MOD_MSG_PROC_S *MOD_GetMsgProc(MOD_MSG_PROC_CTRL_S *pstCtrl, u32 ulMsgID)
+{
+    if (pstCtrl == nullptr) {
+        IBP_ERR("pstCtrl is NULL");
+        return nullptr;
+    }
+    MOD_SemGuard lock(&pstCtrl->stLock);
+    return MOD_FindEntryLocked(pstCtrl, ulMsgID, false);
+}
+
+IBP_API u32 MOD_RegMsgProc(u32 ulModuleID, u32 ulMsgID, MOD_MSG_PROC_PFN pfnMsgProc, void *pParam)
+{
+    if (pfnMsgProc == nullptr) {
+        IBP_ERR("pfnMsgProc is NULL");
+        return 1;
+    }
+    MOD_MODULE_S *pstModule = MOD_GetModuleByID(ulModuleID);
+    if (pstModule == nullptr) {
+        IBP_ERR("get module by id %#x fail", ulModuleID);
+        return 1;
+    }
+    if (MOD_AddMsgProc(&pstModule->stMsgProcCtrl, ulMsgID, pfnMsgProc, pParam) != 0) {
+        IBP_ERR("add message proc fail! ulMsgID=%#x pfnMsgProc=%p pParam=%p", ulMsgID,
+                reinterpret_cast<void *>(pfnMsgProc), pParam);
+        return 1;
+    }
+    return 0;
+}
+
+IBP_API u32 MOD_UnregMsgProc(u32 ulModuleID, u32 ulMsgID)
+{
+    MOD_MODULE_S *pstModule = MOD_GetModuleByID(ulModuleID);
+    if (pstModule == nullptr) {
+        IBP_ERR("get module by id %#x fail", ulModuleID);
+        return 1;
+    }
+    return MOD_DelMsgProc(&pstModule->stMsgProcCtrl, ulMsgID);
+}
+
+IBP_API u32 MOD_RecvMsgProc(MOD_MODULE_S *pstModule)
+{
+    if (pstModule == nullptr) {
+        IBP_ERR("pstModule is NULL");
+        return 1;
+    }
+    bool bBadBuf = false;
+    while (MOD_DeliverOne(pstModule, &bBadBuf)) {
+    }
+    return bBadBuf ? 1 : 0;
+}
+
+}  // extern "C"
