@@ -162,6 +162,28 @@ IBP_API u32 MOD_RecvMsgProc(MOD_MODULE_S *pstModule);
  * caller's. */
 IBP_API u32 MOD_SendMsgProc(MOD_MODULE_S *pstSrcModule, MOD_BUF_S *pstModBuf);
 
+/* ---- the process and its transport */
+/* Flags of MOD_ParseSocketMsg: what one parse step did. */
+typedef enum {
+    MOD_PARSE_DONE = 1,   /* one message delivered; there may be more */
+    MOD_PARSE_FAIL = 2,   /* the buffer's fill could not be read, or the message not queued */
+    MOD_PARSE_MORE = 3,   /* no complete message in the buffer yet */
+    MOD_PARSE_DROP = 4,   /* a message for an unregistered module was dropped */
+    MOD_PARSE_BADBUF = 5  /* the buffer got for the message was unusable */
+} MOD_PARSE_FLAG_E;
+
+struct sockaddr_in;
+
+/* Opens the process's UDP endpoint, the receive buffer and the pool, and
+ * starts the _CMD module and the process thread. */
+IBP_API u32 MOD_SysInit(const char *pcProcName, u32 ulProcID);
+/* Stops the process thread and the _CMD module and gives back the socket,
+ * the buffer and the epoll instance; unregister your own modules first. */
+IBP_API u32 MOD_SysDestroy(void);
+IBP_API u32 MOD_RecvSocketData(struct sockaddr_in *pstAddr);
+IBP_API u32 MOD_ParseSocketMsg(const struct sockaddr_in *pstAddr, u32 *pulFlag);
+IBP_API void MOD_DestroyProcEpoll(MOD_PROC_S *pstProc);
+
 /* ---- handler tables; the newest matching entry wins */
 IBP_API u32 MOD_RegMsgProc(u32 ulModuleID, u32 ulMsgID, MOD_MSG_PROC_PFN pfnMsgProc, void *pParam);
 IBP_API u32 MOD_UnregMsgProc(u32 ulModuleID, u32 ulMsgID);

@@ -1,0 +1,358 @@
+// Sending primitives (header set-up, sync, async, ack, forward) and the
+// application calls over ISP_MSG_S records.
+#include "ibp/isp_sendmsg.h"
+
+#include <sys/epoll.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "ibp/isp_module.h"
+#include "ibp/isp_system.h"
+#include "log/log_internal.h"
+#include "runtime/module_internal.h"
+#include "runtime/sendmsg_internal.h"
+
+IBP_LOG_SOURCE("isp_sendmsg");
+
+namespace {
+
+constexpr u32 kSyncStepMs = 10;
+constexpr int kSyncEpollSize = 32;
+constexpr int kSyncEpollEvents = 10;
+
+MSG_HDR_S *HdrOf(MSG_HANDLE hMsg) { return static_cast<MSG_HDR_S *>(hMsg->pMem); }
+
+// Owns the descriptor of the epoll instance that paces the wait for an ack.
+class EpollTimer {
+public:
+    EpollTimer() : fd_(epoll_create(kSyncEpollSize)) {}
+    ~EpollTimer()
+    {
+        if (fd_ >= 0)
+            close(fd_);
+    }
+    EpollTimer(const EpollTimer &) = delete;
+    EpollTimer &operator=(const EpollTimer &) = delete;
+    bool Valid() const { return fd_ >= 0; }
+    void Sleep(int ms) const
+    {
+        struct epoll_event astEvents[kSyncEpollEvents];
+        (void)epoll_wait(fd_, astEvents, kSyncEpollEvents, ms);
+    }
+
+private:
+    int fd_;
+};
+
+// Polls the ack queue of the sending module every 10 ms for the request's ack.
+u32 MSG_WaitAck(MOD_MODULE_S *pstModule, const EpollTimer &stTimer, u32 ulMsgID, u32 ulAssMsgID,
+                u32 ulDstModuleID, u32 ulTimeout, MSG_HANDLE *phAckMsg)
+{
+    for (u32 ulWaited = 0;;) {
+        stTimer.Sleep(static_cast<int>(kSyncStepMs));
+        MOD_BUF_S *pstAck = MOD_GetModuleMsg(&pstModule->stAckMsgCtrl, MOD_GET_BY_ASSID, ulAssMsgID);
+        if (pstAck != nullptr) {
+            *phAckMsg = pstAck;
+            return 0;
+        }
+        ulWaited += kSyncStepMs;
+        if (ulWaited >= ulTimeout) {
+            IBP_ERR("wait ack message timeout! waitTime=%u timeoutTime=%u msgId=%#x assMsgId=%#x module=[%#x to %#x]",
+                    ulWaited, ulTimeout, ulMsgID, ulAssMsgID, pstModule->ulModuleID, ulDstModuleID);
+            return 1;
+        }
+    }
+}
+
+// Length of an application record with its head, saturated so that a huge
+// ulBodyLen is refused as too big instead of wrapping round to a small one.
+u32 ISP_RecordLen(const ISP_MSG_S *pstMsg)
+{
+    u64 ullLen = static_cast<u64>(pstMsg->ulBodyLen) + ISP_MSG_HDR_LEN;
+    return ullLen > UINT32_MAX ? UINT32_MAX : static_cast<u32>(ullLen);
+}
+
+}  // namespace
+
+u32 MSG_SendSyncMsgEx(u32 ulDstModuleID, u32 ulMsgID, MSG_HANDLE hReqMsg, u32 ulTimeout,
+                      MSG_HANDLE *phAckMsg, bool *pbQueued)
+{
+    *pbQueued = false;
+    if (hReqMsg == nullptr) {
+        IBP_ERR("hReqMsg is invalid");
+        return 1;
+    }
+    if (phAckMsg == nullptr) {
+        IBP_ERR("phAckMsg is NULL!");
+        return 1;
+    }
+    MOD_MODULE_S *pstModule = MOD_GetCurWorkModule();
+    if (pstModule == nullptr) {
+        IBP_ERR("get current work module fail");
+        return 1;
+    }
+    u32 ulRet = MSG_ConfigHdr(hReqMsg, pstModule->ulModuleID, ulDstModuleID, MSG_TYPE_SYNC_REQ, ulMsgID);
+    if (ulRet != 0) {
+        IBP_ERR("config message header fail! ulRet=%u", ulRet);
+        return 1;
+    }
+    u32 ulAssMsgID = 0;
+    ulRet = MSG_GetAssMsgID(hReqMsg, &ulAssMsgID);
+    if (ulRet != 0) {
+        IBP_ERR("get ass message id fail! ulRet=%u", ulRet);
+        return 1;
+    }
+    ulRet = MOD_SendMsgProc(pstModule, hReqMsg);
+    if (ulRet != 0) {
+        IBP_ERR("send message to module fail! ulRet=%u", ulRet);
+        return 1;
+    }
+    *pbQueued = true;  // from here on the request is the runtime's
+    EpollTimer stTimer;
+    if (!stTimer.Valid()) {
+        IBP_ERR("create epoll fail");
+        return 1;
+    }
+    return MSG_WaitAck(pstModule, stTimer, ulMsgID, ulAssMsgID, ulDstModuleID, ulTimeout, phAckMsg);
+}
+
+extern "C" {
+
+IBP_API u32 MSG_ConfigHdr(MSG_HANDLE hMsg, u32 ulSrcModuleID, u32 ulDstModuleID, MSG_TYPE_E enMsgType,
+                          u32 ulMsgID)
+{
+    if (hMsg == nullptr) {
+        IBP_ERR("hMsg is invalid");
+        return 1;
+    }
+    u32 ulType = static_cast<u32>(enMsgType);
+    if (ulType > MSG_TYPE_INVALID) {
+        IBP_ERR("enMsgType %d is invalid", ulType);
+        ulType = MSG_TYPE_INVALID;
+    }
+    if (hMsg->pMem == nullptr || hMsg->ulLen < MSG_HDR_LEN) {
+        IBP_ERR("pstMsgHdr is NULL");
+        return 1;
+    }
+    MOD_MODULE_S *pstSrc = MOD_GetModuleByID(ulSrcModuleID);
+    if (pstSrc == nullptr) {
+        IBP_ERR("get module info by id %#x failed", ulSrcModuleID);
+        return 1;
+    }
+    MOD_MODULE_CFG_S *pstDstCfg = MOD_GetModuleCfgByID(ulDstModuleID);
+    if (pstDstCfg == nullptr) {
+        IBP_ERR("get module cfg by id %#x failed", ulDstModuleID);
+        return 1;
+    }
+    MSG_HDR_S *pstHdr = HdrOf(hMsg);
+    pstHdr->ulPrefix = MSG_PREFIX;
+    pstHdr->enMsgType = ulType;
+    pstHdr->ulMsgID = ulMsgID;
+    pstHdr->ulAssMsgID = MOD_DrawAssMsgID(pstSrc);
+    pstHdr->ulMsgLen = hMsg->ulLen;
+    pstHdr->ulMsgBodyLen = hMsg->ulLen - MSG_HDR_LEN;
+    pstHdr->ulSrcModuleID = ulSrcModuleID;
+    pstHdr->ulDstModuleID = ulDstModuleID;
+    pstHdr->ulSrcProcID = pstSrc->ulProcID;
+    pstHdr->ulDstProcID = pstDstCfg->ulProcID;
+    pstHdr->ulPeerAddr = 0;
+    pstHdr->usPeerPort = 0;
+    return 0;
+}
+
+IBP_API u32 MSG_SendSyncMsg(u32 ulDstModuleID, u32 ulMsgID, MSG_HANDLE hReqMsg, u32 ulTimeout,
+                            MSG_HANDLE *phAckMsg)
+{
+    bool bQueued = false;
+    return MSG_SendSyncMsgEx(ulDstModuleID, ulMsgID, hReqMsg, ulTimeout, phAckMsg, &bQueued);
+}
+
+IBP_API u32 MSG_SendAsyncMsg(u32 ulDstModuleID, u32 ulMsgID, MSG_HANDLE hReqMsg)
+{
+    if (hReqMsg == nullptr) {
+        IBP_ERR("hReqMsg is invalid");
+        return 1;
+    }
+    MOD_MODULE_S *pstModule = MOD_GetCurWorkModule();
+    if (pstModule == nullptr) {
+        IBP_ERR("get current work module failed!");
+        MSG_Destroy(hReqMsg);
+        return 1;
+    }
+    if (MSG_ConfigHdr(hReqMsg, pstModule->ulModuleID, ulDstModuleID, MSG_TYPE_ASYNC_REQ, ulMsgID) != 0) {
+        IBP_ERR("config message header fail!");
+        MSG_Destroy(hReqMsg);
+        return 1;
+    }
+    if (MOD_SendMsgProc(pstModule, hReqMsg) != 0) {
+        IBP_ERR("module %#x send message to module %#x fail", pstModule->ulModuleID, ulDstModuleID);
+        MSG_Destroy(hReqMsg);
+        return 1;
+    }
+    return 0;
+}
+
+IBP_API u32 MSG_SendAckMsg(MSG_HANDLE hReqMsg, MSG_HANDLE hAckMsg)
+{
+    if (hReqMsg == nullptr || hReqMsg->pMem == nullptr || hReqMsg->ulLen < MSG_HDR_LEN) {
+        IBP_ERR("hReqMsg is invalid");
+        return 1;
+    }
+    if (hAckMsg == nullptr) {
+        IBP_ERR("hAckMsg is invalid");
+        return 1;
+    }
+    const MSG_HDR_S stReq = *HdrOf(hReqMsg);
+    MOD_MODULE_S *pstModule = MOD_GetModuleByID(stReq.ulDstModuleID);
+    if (pstModule == nullptr) {
+        IBP_ERR("get module by id %#x fail", stReq.ulDstModuleID);
+        return 1;
+    }
+    MSG_TYPE_E enType = stReq.enMsgType == MSG_TYPE_SYNC_REQ ? MSG_TYPE_SYNC_ACK : MSG_TYPE_ASYNC_ACK;
+    u32 ulRet = MSG_ConfigHdr(hAckMsg, pstModule->ulModuleID, stReq.ulSrcModuleID, enType, stReq.ulMsgID);
+    if (ulRet != 0) {
+        IBP_ERR("config message header fail! ulRet=%u", ulRet);
+        return 1;
+    }
+    // The request's source may be the process module, which the header set-up
+    // resolved to this process: the ack goes back to the request's process.
+    MSG_HDR_S *pstAck = HdrOf(hAckMsg);
+    pstAck->ulAssMsgID = stReq.ulAssMsgID;
+    pstAck->ulDstProcID = stReq.ulSrcProcID;
+    pstAck->ulPeerAddr = stReq.ulPeerAddr;
+    pstAck->usPeerPort = stReq.usPeerPort;
+    u32 ulSrc = pstAck->ulSrcModuleID, ulId = pstAck->ulMsgID, ulDst = pstAck->ulDstModuleID;
+    if (MOD_SendMsgProc(pstModule, hAckMsg) != 0) {
+        IBP_ERR("module %#x send message %#x to %#x fail", ulSrc, ulId, ulDst);
+        return 1;
+    }
+    return 0;
+}
+
+IBP_API u32 MSG_ForwardMsg(u32 ulDstModuleID, MSG_HANDLE hReqMsg)
+{
+    if (hReqMsg == nullptr) {
+        IBP_ERR("hReqMsg is invalid");
+        return 1;
+    }
+    MOD_MODULE_S *pstCur = MOD_GetCurWorkModule();
+    if (pstCur == nullptr) {
+        IBP_ERR("get current work module fail");
+        return 1;
+    }
+    MOD_MODULE_S *pstDst = MOD_GetModuleByID(ulDstModuleID);
+    if (pstDst == nullptr) {
+        IBP_ERR("get dest module by id %#x fail", ulDstModuleID);
+        return 1;
+    }
+    if (hReqMsg->pMem == nullptr || hReqMsg->ulLen < MSG_HDR_LEN) {
+        IBP_ERR("get request message header fail");
+        return 1;
+    }
+    MSG_HDR_S *pstHdr = HdrOf(hReqMsg);
+    pstHdr->ulDstModuleID = pstDst->ulModuleID;
+    pstHdr->ulDstProcID = pstDst->ulProcID;
+    IBP_DBG("forword message %#x from module %#x to %#x", pstHdr->ulMsgID, pstHdr->ulSrcModuleID,
+            pstDst->ulModuleID);
+    u32 ulSrc = pstHdr->ulSrcModuleID, ulDst = pstHdr->ulDstModuleID;
+    if (MOD_SendMsgProc(pstCur, hReqMsg) != 0) {
+        IBP_ERR("module %#x send message to %#x fail", ulSrc, ulDst);
+        return 1;
+    }
+    return 0;
+}
+
+// ---------------------------------------------------------------- application records
+
+IBP_API u32 ISP_SendSyncMsg(const ISP_MSG_S *pstReqMsg, u32 ulTimeout, ISP_MSG_S **ppstAckMsg)
+{
+    if (pstReqMsg == nullptr) {
+        IBP_ERR("pstReqMsg is NULL");
+        return 1;
+    }
+    if (ppstAckMsg == nullptr) {
+        IBP_ERR("ppstAckMsg is NULL");
+        return 1;
+    }
+    u32 ulReqLen = ISP_RecordLen(pstReqMsg);
+    MSG_HANDLE hReq = MSG_Create(pstReqMsg, ulReqLen);
+    if (hReq == nullptr) {
+        IBP_ERR("create raw message fail!");
+        return 1;
+    }
+    MSG_HANDLE hAck = nullptr;
+    bool bQueued = false;
+    if (MSG_SendSyncMsgEx(pstReqMsg->ulDstModuleID, pstReqMsg->ulMsgID, hReq, ulTimeout, &hAck, &bQueued) != 0) {
+        IBP_ERR("send sync raw message fail");
+        if (!bQueued)
+            MSG_Destroy(hReq);  // never handed over: still ours to free
+        return 1;
+    }
+    void *pBody = nullptr;
+    u32 ulAckLen = 0;
+    if (MSG_Decode(hAck, &pBody, &ulAckLen) != 0) {
+        IBP_ERR("raw message decode fail!");
+        MSG_Destroy(hAck);
+        return 1;
+    }
+    const auto *pstAck = static_cast<const ISP_MSG_S *>(pBody);
+    if (ulAckLen != ulReqLen || ulAckLen > hAck->ulLen - MSG_HDR_LEN || pstAck->ulMsgID != pstReqMsg->ulMsgID) {
+        MSG_Destroy(hAck);
+        return 1;
+    }
+    if (pstAck->ulResult != 0) {
+        u32 ulResult = pstAck->ulResult;
+        MSG_Destroy(hAck);
+        return ulResult;
+    }
+    void *pCopy = ISP_malloc(0, ulAckLen);
+    *ppstAckMsg = static_cast<ISP_MSG_S *>(pCopy);
+    if (pCopy == nullptr) {
+        MSG_Destroy(hAck);
+        return 1;
+    }
+    memcpy(pCopy, pstAck, ulAckLen);
+    MSG_Destroy(hAck);
+    return 0;
+}
+
+IBP_API u32 ISP_SendAsyncMsg(const ISP_MSG_S *pstReqMsg)
+{
+    if (pstReqMsg == nullptr) {
+        IBP_ERR("pstReqMsg is NULL");
+        return 1;
+    }
+    MSG_HANDLE hReq = MSG_Create(pstReqMsg, ISP_RecordLen(pstReqMsg));
+    if (hReq == nullptr) {
+        IBP_ERR("create raw message fail");
+        return 1;
+    }
+    return MSG_SendAsyncMsg(pstReqMsg->ulDstModuleID, pstReqMsg->ulMsgID, hReq);
+}
+
+IBP_API u32 ISP_SendAckMsg(MSG_HANDLE hReqMsg, const void *pMem, u32 ulMemLen)
+{
+    MSG_HANDLE hAck = MSG_Create(pMem, ulMemLen);
+    if (hAck == nullptr) {
+        IBP_ERR("create raw message fail");
+        return 1;
+    }
+    u32 ulRet = MSG_SendAckMsg(hReqMsg, hAck);
+    if (ulRet != 0)
+        MSG_Destroy(hAck);
+    return ulRet;
+}
+
+IBP_API u32 ISP_IsMsgValid(const ISP_MSG_S *pstMsg, u32 ulLen)
+{
+    if (pstMsg == nullptr) {
+        IBP_ERR("pstMsg is NULL");
+        return 0;
+    }
+    if (ulLen < ISP_MSG_HDR_LEN)
+        return 0;
+    return static_cast<u64>(pstMsg->ulBodyLen) + ISP_MSG_HDR_LEN == ulLen ? 1 : 0;
+}
+
+}  // extern "C"
