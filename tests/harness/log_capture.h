@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "ibp/isp_types.h"
+#include "ibp/isp_log.h"
 
 namespace ibptest {
 
@@ -41,6 +41,8 @@ public:
     size_t CountPrefix(const std::string &prefix) const;
     // All records, one per line, for failure messages.
     std::string Dump() const;
+    // The output function, for a start record of the library's own (IBP_Init).
+    static LOG_OUTPUT_PFN Sink() { return &LogCapture::Output; }
 
 private:
     static s32 Output(const char *pcText);

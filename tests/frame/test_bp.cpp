@@ -1,0 +1,68 @@
+// Starting and stopping the library in either kind of process.
+#include <gtest/gtest.h>
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "harness/log_capture.h"
+#include "harness/test_env.h"
+#include "runtime/transport_util.h"
+
+using namespace ibptest;
+
+TEST(LibraryStart, EitherProcessAndRefusedRestart)
+{
+    IBP_REQUIRE_ISOLATION();
+    LogCapture cap;
+    IBP_INIT_S st = StartRecord(2, LogCapture::Sink());  // any value but 0 is the debug tool
+    ASSERT_EQ(IBP_Init(&st), 0u);
+    EXPECT_STREQ(MOD_GetCurWrokProcName(), "DT");
+    EXPECT_EQ(MOD_GetCurWorkProcID(), MOD_PROC_ID_DT);
+    ASSERT_NE(MOD_GetModuleByID(MOD_ID_DT_CMD), nullptr);
+    ASSERT_NE(MOD_GetModuleByID(MOD_PROC_MODULE_ID), nullptr);
+
+    // A second start would rebuild queues under running threads: refused, and
+    // the log keeps its start record (the service would have thresholds 3).
+    IBP_INIT_S again = StartRecord(0, LogCapture::Sink(), 3);
+    cap.Clear();
+    EXPECT_EQ(IBP_Init(&again), 1u);
+    EXPECT_EQ(cap.CountPrefix("ibp is running already!"), 1u) << cap.Dump();
+    EXPECT_STREQ(MOD_GetCurWrokProcName(), "DT");
+    EXPECT_EQ(gstLogObj.aulLevel[0], 0u);
+
+    MOD_SysDestroy();
+    st.bIsDt = 0;
+    ASSERT_EQ(IBP_Init(&st), 0u) << cap.Dump();
+    EXPECT_STREQ(MOD_GetCurWrokProcName(), "ISP");
+    ASSERT_NE(MOD_GetModuleByID(MOD_ID_ISP_CMD), nullptr);
+    MOD_SysDestroy();
+    IBP_Destroy();
+}
+
+TEST(LibraryStart, FailuresLeaveNothingOpen)
+{
+    IBP_REQUIRE_ISOLATION();
+    LogCapture cap;
+    {
+        RawPeer squatter(7001);  // the service's port is taken
+        ASSERT_TRUE(squatter.Bound());
+        IBP_INIT_S st = StartRecord(0, LogCapture::Sink());
+        EXPECT_EQ(IBP_Init(&st), 1u);
+        EXPECT_LOG(cap, "ERR", "BP", "UDP init fail");
+        EXPECT_LOG(cap, "ERR", "BP", "MOD_SysInit() fail! bIsDt=0");
+        EXPECT_EQ(MOD_GetModuleByID(MOD_ID_ISP_CMD), nullptr);
+    }
+    // A name without a row fails when its _CMD module is registered; the
+    // socket is given back, so a proper start works next.
+    EXPECT_EQ(MOD_SysInit("XYZ", MOD_PROC_ID_ISP), 1u);
+    EXPECT_LOG(cap, "ERR", "BP", "module cfg not found by name XYZ_CMD");
+    EXPECT_LOG(cap, "ERR", "BP", "init proc failed! pcProcName=XYZ ulProcID=0xbfffffff");
+    EXPECT_EQ(MOD_SysInit("DT", MOD_PROC_ID_ISP), 1u);  // the other process's rows
+    EXPECT_EQ(cap.CountPrefix("proc id not match! current=0xbfffffff request=0xbffffffe"), 1u);
+    EXPECT_EQ(MOD_SysInit(nullptr, 0), 1u);
+    EXPECT_LOG(cap, "ERR", "BP", "pcProcName is NULL");
+    EXPECT_EQ(MOD_SysInit("", 0), 1u);
+    EXPECT_LOG(cap, "ERR", "BP", "param invalid, proc name is empty!");
+    EXPECT_EQ(MOD_SysInit("ISP", MOD_PROC_ID_ISP), 0u);
+    MOD_SysDestroy();
+}
