@@ -133,12 +133,6 @@ bool MOD_SemWaitFor(sem_t *pstSem, u64 ulMaxMs)
     }
 }
 
-// Frees what is left on a queue that nobody will serve any more.
-void MOD_DrainQueue(MOD_MSG_CTRL_S *pstQueue)
-{
-    while (MOD_BUF_S *pstBuf = MOD_GetModuleMsg(pstQueue, MOD_GET_BY_ORDER, 0))
-        MOD_FreeBuf(pstBuf);
-}
 
 // Gives a slot whose thread has ended (or never started) back to the pool.
 // Messages still queued are freed rather than left to be overwritten by the
@@ -190,6 +184,13 @@ bool MOD_StopThread(MOD_MODULE_S *pstModule)
 }
 
 }  // namespace
+
+// Frees what is left on a queue that nobody will serve any more.
+void MOD_DrainQueue(MOD_MSG_CTRL_S *pstQueue)
+{
+    while (MOD_BUF_S *pstBuf = MOD_GetModuleMsg(pstQueue, MOD_GET_BY_ORDER, 0))
+        MOD_FreeBuf(pstBuf);
+}
 
 void MOD_InitListCtrl(MOD_LIST_CTRL_S *pstCtrl, u32 ulMaxNum)
 {

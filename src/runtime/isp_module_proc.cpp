@@ -52,12 +52,6 @@ s32 MOD_RecvFd() { return SKT_GetSocketFD(gstCurProc.hRecvSocket); }
 // the next prefix goes on instead of finding the same one for ever.
 void MOD_SkipPrefix() { (void)CBUF_DropElem(gstCurProc.hCircBuf, sizeof(kPrefixBytes)); }
 
-void MOD_ReleaseQueue(MOD_MSG_CTRL_S *pstQueue)
-{
-    while (MOD_BUF_S *pstBuf = MOD_GetModuleMsg(pstQueue, MOD_GET_BY_ORDER, 0))
-        MOD_FreeBuf(pstBuf);
-}
-
 // Best effort: the socket works with the system's sizes as well.
 void MOD_GrowSocketBuffers(s32 lSocket)
 {
@@ -445,7 +439,7 @@ IBP_API u32 MOD_SysDestroy(void)
     // The process thread has stopped: nobody sends what is left, so free it.
     MOD_SetRemoteSendQueue(nullptr);
     if (pstProc->stSendMsgCtrl.stUsedList.pstNext != nullptr)
-        MOD_ReleaseQueue(&pstProc->stSendMsgCtrl);
+        MOD_DrainQueue(&pstProc->stSendMsgCtrl);
     CBUF_Destroy(pstProc->hCircBuf);
     pstProc->hCircBuf = nullptr;
     MOD_DestroyProcEpoll(pstProc);

@@ -32,6 +32,9 @@ void MOD_SetRemoteSendQueue(MOD_MSG_CTRL_S *pstQueue);
 // ulMaxNum of a queue or handler table: recorded, never enforced.
 constexpr u32 MOD_NOMINAL_MAX_NUM = 50;
 
+// Frees what is left on a queue that nobody will serve any more.
+void MOD_DrainQueue(MOD_MSG_CTRL_S *pstQueue);
+
 // Sets up a pool or queue record: counts, empty lists, lock of value 1.
 void MOD_InitListCtrl(MOD_LIST_CTRL_S *pstCtrl, u32 ulMaxNum);
 
