@@ -1,7 +1,6 @@
 // Circular queue: one record at a time on a circular buffer.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -12,155 +11,83 @@ namespace {
 
 struct Rec {
     u32 ulId;
-    char acTag[12];
+    char acTag[12];  // the id again, as text
 };
 
-Rec MakeRec(u32 ulId)
-{
-    Rec stRec = {ulId, {}};
-    snprintf(stRec.acTag, sizeof(stRec.acTag), "rec-%u", ulId);
-    return stRec;
-}
+void OnRead(void *pElem, void *pUser) { static_cast<std::vector<u32> *>(pUser)->push_back(static_cast<Rec *>(pElem)->ulId); }
 
-void OnRead(void *pElem, void *pUser)
-{
-    static_cast<std::vector<u32> *>(pUser)->push_back(static_cast<Rec *>(pElem)->ulId);
-}
-
-class Queue {
-public:
-    explicit Queue(u32 ulNum, u32 bOverride = 0)
+// A queue of ulNum slots holding records with ids 1 to ulPushed.
+struct Queue {
+    Queue(u32 ulNum, u32 bOverride, u32 ulPushed)
     {
-        CBUF_INIT_S stInit = {"queue", sizeof(Rec), ulNum, bOverride, nullptr, OnRead, &dropped};
+        CBUF_INIT_S stInit = {"queue", sizeof(Rec), ulNum, bOverride, nullptr, OnRead, &left};
         h = CQUE_Init(&stInit);
+        for (u32 i = 1; i <= ulPushed; ++i)
+            EXPECT_EQ(0u, Push(i)) << i;
     }
-    ~Queue()
+    ~Queue() { CQUE_Destroy(h); }
+    u32 Push(u32 ulId)
     {
-        if (h != nullptr)
-            CQUE_Destroy(h);
+        Rec stRec = {ulId, {}};
+        snprintf(stRec.acTag, sizeof(stRec.acTag), "%u", ulId);
+        return CQUE_Push(h, &stRec);
     }
-    Queue(const Queue &) = delete;
-    Queue &operator=(const Queue &) = delete;
-
-    CBUF_HANDLE h = nullptr;
-    std::vector<u32> dropped;  // ids the read callback saw
+    CBUF_HANDLE h;
+    std::vector<u32> left;  // ids the read callback saw leave
 };
 
-TEST(CQueue, FourSlotsTakeThreePushes)
+TEST(CQueue, FourSlotsTakeThreeUnlessOverwriting)
 {
-    Queue q(4);
-    ASSERT_NE(nullptr, q.h);
-    for (u32 i = 1; i <= 3; ++i) {
-        Rec stRec = MakeRec(i);
-        EXPECT_EQ(0u, CQUE_Push(q.h, &stRec));
-    }
+    Queue q(4, 0, 3), o(4, 1, 4);
     ibptest::LogCapture cap;
-    Rec stRec = MakeRec(4);
-    EXPECT_EQ(1u, CQUE_Push(q.h, &stRec));
+    EXPECT_EQ(1u, q.Push(4));
     auto recs = cap.Records();
     ASSERT_EQ(2u, recs.size()) << cap.Dump();
-    EXPECT_EQ("circ buf space not enough! request=1 space=0 maxNum=4", recs[0].text);
-    EXPECT_EQ("WRN", recs[0].level);
-    EXPECT_EQ("CBUF_Write() fail", recs[1].text);
-    EXPECT_EQ("ERR", recs[1].level);
-}
-
-TEST(CQueue, OverwriteDropsTheOldestThroughTheReadCallback)
-{
-    Queue q(4, 1);
-    for (u32 i = 1; i <= 4; ++i) {
-        Rec stRec = MakeRec(i);
-        EXPECT_EQ(0u, CQUE_Push(q.h, &stRec));
-    }
-    EXPECT_EQ(std::vector<u32>{1}, q.dropped);
+    EXPECT_EQ("[WRN]circ buf space not enough! request=1 space=0 maxNum=4", "[" + recs[0].level + "]" + recs[0].text);
+    EXPECT_EQ("[ERR]CBUF_Write() fail", "[" + recs[1].level + "]" + recs[1].text);
+    // Overwriting: the oldest made way through the read callback.
+    EXPECT_EQ(std::vector<u32>{1}, o.left);
     Rec stOut = {};
-    EXPECT_EQ(0u, CQUE_Pop(q.h, &stOut));
+    EXPECT_EQ(0u, CQUE_Pop(o.h, &stOut));
     EXPECT_EQ(2u, stOut.ulId);
-    EXPECT_STREQ("rec-2", stOut.acTag);
 }
 
-TEST(CQueue, PopOfEmptyQueueFailsAndLeavesTheRecordAlone)
+TEST(CQueue, FailedPopsLeaveTheRecordAndAreLogged)
 {
-    Queue q(4);
+    Queue q(4, 0, 0);
     ibptest::LogCapture cap;
-    Rec stOut = MakeRec(77);
+    Rec stOut = {77, {}};
     EXPECT_EQ(1u, CQUE_Pop(q.h, &stOut));
     EXPECT_EQ(77u, stOut.ulId);
-    EXPECT_EQ(1u, cap.Records().size());
     EXPECT_LOG(cap, "ERR", "BP", "CBUF_Read() fail");
-}
-
-TEST(CQueue, AbsentRecordIsReportedTwice)
-{
-    Queue q(4);
-    Rec stRec = MakeRec(1);
-    ASSERT_EQ(0u, CQUE_Push(q.h, &stRec));
-    ibptest::LogCapture cap;
+    ASSERT_EQ(0u, q.Push(1));
+    cap.Clear();
     EXPECT_EQ(1u, CQUE_Pop(q.h, nullptr));
     auto recs = cap.Records();
-    ASSERT_EQ(2u, recs.size());
+    ASSERT_EQ(2u, recs.size()) << cap.Dump();
     EXPECT_EQ("pMem is NULL", recs[0].text);
     EXPECT_EQ("CBUF_Read() fail", recs[1].text);
-    cap.Clear();
-    EXPECT_EQ(1u, CQUE_Push(q.h, nullptr));
-    EXPECT_LOG(cap, "ERR", "BP", "CBUF_Write() fail");
-    EXPECT_EQ(1u, CQUE_Push(nullptr, &stRec));
-    EXPECT_LOG(cap, "ERR", "BP", "hCBuf is invalid");
 }
 
 TEST(CQueue, FirstInFirstOutAcrossTheEnd)
 {
-    Queue q(8);
-    u32 ulNextIn = 0, ulNextOut = 0;
+    Queue q(8, 0, 0);
+    u32 ulNextIn = 0;
+    std::vector<u32> popped;
     // Keep five queued while the positions go round the eight slots twice.
-    for (int lRound = 0; lRound < 20; ++lRound) {
-        while (ulNextIn - ulNextOut < 5) {
-            Rec stRec = MakeRec(ulNextIn++);
-            ASSERT_EQ(0u, CQUE_Push(q.h, &stRec));
-        }
+    for (u32 ulNextOut = 0; ulNextOut < 20; ++ulNextOut) {
+        while (ulNextIn - ulNextOut < 5)
+            ASSERT_EQ(0u, q.Push(ulNextIn++));
         Rec stOut = {};
         ASSERT_EQ(0u, CQUE_Pop(q.h, &stOut));
-        EXPECT_EQ(ulNextOut, stOut.ulId);
-        EXPECT_EQ(MakeRec(ulNextOut).acTag, std::string(stOut.acTag));
-        ++ulNextOut;
+        popped.push_back(stOut.ulId);
+        EXPECT_EQ(std::to_string(ulNextOut), stOut.acTag);
     }
-    // One read callback per pop, in the same order.
-    std::vector<u32> popped;
+    std::vector<u32> expected;
     for (u32 i = 0; i < 20; ++i)
-        popped.push_back(i);
-    EXPECT_EQ(popped, q.dropped);
-}
-
-void SumIds(void *pElem, void *pUser, u32 *pbConsume)
-{
-    *static_cast<u32 *>(pUser) += static_cast<Rec *>(pElem)->ulId;
-    *pbConsume = (static_cast<Rec *>(pElem)->ulId < 3) ? 1 : 0;
-}
-
-TEST(CQueue, IterateAndResetGoToTheBuffer)
-{
-    Queue q(8);
-    for (u32 i = 1; i <= 4; ++i) {
-        Rec stRec = MakeRec(i);
-        ASSERT_EQ(0u, CQUE_Push(q.h, &stRec));
-    }
-    u32 ulSum = 0;
-    EXPECT_EQ(0u, CQUE_Iterate(q.h, SumIds, &ulSum));
-    EXPECT_EQ(10u, ulSum);
-    EXPECT_EQ((std::vector<u32>{1, 2}), q.dropped);
-    CQUE_Reset(q.h);
-    EXPECT_EQ((std::vector<u32>{1, 2, 3, 4}), q.dropped);
-    EXPECT_EQ(1u, CBUF_IsEmpty(q.h));
-}
-
-TEST(CQueue, ShowsInTheBufferDisplay)
-{
-    Queue q(4);
-    char acOut[1024] = {};
-    u32 ulLen = sizeof(acOut);
-    ASSERT_EQ(0u, CBUF_PrintCircBuf(&ulLen, acOut));
-    EXPECT_NE(nullptr, strstr(acOut, "\nqueue      4          No         0          0          0          3          \n"))
-        << acOut;
+        expected.push_back(i);
+    EXPECT_EQ(expected, popped);
+    EXPECT_EQ(expected, q.left);  // one read callback per pop, in order
 }
 
 }  // namespace

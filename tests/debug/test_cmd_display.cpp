@@ -9,53 +9,28 @@
 
 namespace {
 
-TEST(CmdDisplay, AppendsBehindTheTextOnEntry)
+TEST(CmdDisplay, AppendsBehindTheTextOnEntryAndCutsToTheRoomLeft)
 {
-    char acBuf[64] = "old\n";
-    CmdDisplay stOut(acBuf, sizeof(acBuf));
-    EXPECT_EQ(4u, stOut.Length());
-    stOut.Append("%-6s|%u\n", "ab", 42u);
-    stOut.Append("%s", "end");
-    EXPECT_STREQ("old\nab    |42\nend", acBuf);
-    EXPECT_EQ(strlen(acBuf), stOut.Length());
-}
-
-TEST(CmdDisplay, CutsEachPieceToTheRoomLeftAndStaysTerminated)
-{
-    char acBuf[16];
-    memset(acBuf, '#', sizeof(acBuf));
-    acBuf[0] = '\0';
-    CmdDisplay stOut(acBuf, 10);
-    stOut.Append("%s", "12345");
-    stOut.Append("%s", "6789abc");
-    EXPECT_STREQ("123456789", acBuf);
-    EXPECT_EQ(9u, stOut.Length());
-    stOut.Append("%s", "more");  // full: nothing changes
-    EXPECT_STREQ("123456789", acBuf);
-    EXPECT_EQ(9u, stOut.Length());
-    EXPECT_EQ('#', acBuf[10]);  // nothing written past the capacity
-}
-
-TEST(CmdDisplay, TextOnEntryThatFillsTheCapacityIsKept)
-{
-    char acBuf[8] = {'a', 'b', 'c', 'd', 'e', 'f', 'g', 'h'};  // no terminator within 8
-    CmdDisplay stOut(acBuf, sizeof(acBuf));
-    stOut.Append("%s", "x");
-    EXPECT_EQ(8u, stOut.Length());
-    EXPECT_EQ(0, memcmp(acBuf, "abcdefgh", 8));
-}
-
-TEST(CmdDisplay, ZeroAndOneByteCapacitiesHoldNothing)
-{
-    char acBuf[4] = "";
-    CmdDisplay stNone(acBuf, 0);
-    stNone.Append("%s", "x");
-    EXPECT_EQ(0u, stNone.Length());
-    EXPECT_EQ('\0', acBuf[0]);
-    CmdDisplay stOne(acBuf, 1);
-    stOne.Append("%s", "x");
-    EXPECT_EQ(0u, stOne.Length());
-    EXPECT_STREQ("", acBuf);
+    // Capacity, text on entry; what the buffer holds after "%-4s|%u" of "ab", 42 and "%s" of "end".
+    const struct { u32 ulCap; const char *pcBefore, *pcAfter; } kCases[] = {
+        {64, "old\n", "old\nab  |42end"},
+        {10, "", "ab  |42en"},      // the second piece is cut, the terminator kept
+        {8, "abcdefgh", "abcdefgh"},  // entry text without terminator within the capacity
+        {1, "", ""},
+        {0, "", ""},
+    };
+    for (const auto &c : kCases) {
+        char acBuf[80];
+        memset(acBuf, '#', sizeof(acBuf));
+        memcpy(acBuf, c.pcBefore, strlen(c.pcBefore) + (strlen(c.pcBefore) < c.ulCap ? 1 : 0));
+        CmdDisplay stOut(acBuf, c.ulCap);
+        stOut.Append("%-4s|%u", "ab", 42u);
+        stOut.Append("%s", "end");
+        EXPECT_EQ(strlen(c.pcAfter), stOut.Length()) << c.ulCap;
+        EXPECT_EQ(c.pcAfter, std::string(acBuf, stOut.Length())) << c.ulCap;
+        EXPECT_EQ(stOut.Length() < c.ulCap ? '\0' : '#', acBuf[stOut.Length()]) << c.ulCap;
+        EXPECT_EQ('#', acBuf[c.ulCap]) << "written past the capacity of " << c.ulCap;
+    }
 }
 
 }  // namespace
