@@ -1,16 +1,20 @@
 // The log: thresholds, record composition, output to files, stdout or a function.
 //
-// Concurrency: no heap and no file kept open; every call works on its own
-// stack buffers and its own stream, so any thread may log at any time.
+// Concurrency: no file kept open; every call works on its own stack buffers
+// and its own descriptor (a heap block only for a record longer than 2 KiB),
+// so any thread may log at any time.
 // gstLogObj and the module table are read without a lock and written with
 // single word stores. The one lock is per log file, round the rotation steps.
+#include <fcntl.h>
 #include <pthread.h>
+#include <unistd.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 
@@ -93,26 +97,68 @@ void LOG_RotateFile(u32 ulModule)
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 #pragma GCC diagnostic ignored "-Wformat-security"
 
+// Expands the record into pcBuf, or into a heap block when it is longer;
+// returns the text (nullptr when the heap is out) and its length in *pulLen.
+// The caller frees the text when it is not pcBuf.
+char *LOG_ExpandRecord(char *pcBuf, size_t ulBufLen, size_t *pulLen, const char *pcComposite, va_list args)
+{
+    va_list again;
+    va_copy(again, args);
+    int lLen = vsnprintf(pcBuf, ulBufLen, pcComposite, args);
+    char *pcText = pcBuf;
+    if (lLen >= 0 && static_cast<size_t>(lLen) >= ulBufLen) {
+        pcText = static_cast<char *>(malloc(static_cast<size_t>(lLen) + 1));
+        if (pcText != nullptr)
+            (void)vsnprintf(pcText, static_cast<size_t>(lLen) + 1, pcComposite, again);
+    }
+    va_end(again);
+    *pulLen = lLen < 0 ? 0 : static_cast<size_t>(lLen);
+    return pcText;
+}
+
+bool LOG_WriteAll(int fd, const char *pcText, size_t ulLen)
+{
+    while (ulLen > 0) {
+        ssize_t lDone = write(fd, pcText, ulLen);
+        if (lDone < 0 && errno == EINTR)
+            continue;
+        if (lDone <= 0)
+            return false;
+        pcText += lDone;
+        ulLen -= static_cast<size_t>(lDone);
+    }
+    return true;
+}
+
+// The record goes to the file in one write on a descriptor opened for
+// appending: records of several threads or processes never interleave, and
+// no stream buffer is set up and torn down for every record.
 void LOG_WriteFile(u32 ulModule, const char *pcComposite, va_list args)
 {
     const LOG_MODULE_S &stRow = g_astLogModule[ulModule];
-    FILE *pFile = fopen(stRow.pcFile, "a");
-    if (pFile == nullptr) {
+    int fd = open(stRow.pcFile, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
+    if (fd < 0) {
         int err = errno;
         printf("open log file %s failed! errno=%d %s\n", stRow.pcFile, err, strerror(err));
         return;
     }
-    vfprintf(pFile, pcComposite, args);
-    long lPos = ftell(pFile);
+    char acBuf[2 * kRecordMax];
+    size_t ulLen = 0;
+    char *pcText = LOG_ExpandRecord(acBuf, sizeof(acBuf), &ulLen, pcComposite, args);
+    if (pcText != nullptr)
+        (void)LOG_WriteAll(fd, pcText, ulLen);
+    if (pcText != acBuf)
+        free(pcText);
+    off_t lPos = lseek(fd, 0, SEEK_CUR);
     if (lPos < 0) {
         int err = errno;
         printf("ftell failed! errno=%d %s\n", err, strerror(err));
-        fclose(pFile);
+        close(fd);
         return;
     }
-    fclose(pFile);
+    close(fd);
     u32 ulMaxSize = LoadRelaxed(stRow.ulMaxSize);
-    if (ulMaxSize != 0 && static_cast<unsigned long>(lPos) > ulMaxSize)
+    if (ulMaxSize != 0 && static_cast<unsigned long long>(lPos) > ulMaxSize)
         LOG_RotateFile(ulModule);
 }
 
