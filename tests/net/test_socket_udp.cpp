@@ -1,5 +1,6 @@
 // Socket control blocks and UDP endpoints: fixed options, binding, the global
-// list and its display, the descriptor limit, the MAC address helper.
+// list and its display, the descriptor limit, the MAC address helper, and the
+// argument checks of the whole socket layer.
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
@@ -19,15 +20,8 @@ namespace {
 
 SKT_SOCK_INFO_S UdpInfo(u32 enRole, const char *pcLocalIp, u16 usLocalPort, u32 ulModuleID = 0)
 {
-    SKT_SOCK_INFO_S stInfo = {};
-    stInfo.ulModuleID = ulModuleID;
-    stInfo.enRole = enRole;
-    stInfo.ulLocalIp = inet_addr(pcLocalIp);
-    stInfo.usLocalPort = htons(usLocalPort);
-    stInfo.ulRemoteIp = inet_addr("127.0.0.1");
-    stInfo.usRemotePort = htons(7002);
-    stInfo.lTimeOut = 2000;
-    return stInfo;
+    // Buffer sizes are a TCP matter: a UDP endpoint must leave the system's.
+    return {ulModuleID, enRole, inet_addr(pcLocalIp), htons(usLocalPort), inet_addr("127.0.0.1"), htons(7002), 4096, 4096, 0, 2000};
 }
 
 struct Udp {
@@ -44,13 +38,7 @@ int SockOption(int fd, int name)
     return value;
 }
 
-// The descriptor the next socket would get.
-int LowestFreeFd()
-{
-    int fd = dup(0);
-    close(fd);
-    return fd;
-}
+int LowestFreeFd() { int fd = dup(0); close(fd); return fd; }  // the descriptor the next socket gets
 
 std::string Display(u32 ulCap = 8192)
 {
@@ -64,18 +52,17 @@ std::string Display(u32 ulCap = 8192)
 const std::string kHeading =
     "SocketFd   ModuleID   IPAddr           Port     TCP/UDP    Server/Client    Status     Timeout(ms) \n";
 
-TEST(SocketUdp, NonBlockingWithReuseAddrAndOnlyTheServerBinds)
+TEST(SocketUdp, OptionsBindingAndABindFailureThatLeavesTheListAsItWas)
 {
     IBP_REQUIRE_ISOLATION();
     int plain = socket(AF_INET, SOCK_DGRAM, 0);
     const int lDefSnd = SockOption(plain, SO_SNDBUF), lDefRcv = SockOption(plain, SO_RCVBUF);
     close(plain);
-    for (u32 enRole : {SKT_ROLE_SERVER, SKT_ROLE_CLIENT}) {
-        SKT_SOCK_INFO_S stInfo = UdpInfo(enRole, "127.0.0.1", 7001);
-        stInfo.ulSndBufSize = stInfo.ulRcvBufSize = 4096;  // a TCP matter: ignored here
-        Udp u(stInfo);
-        ASSERT_NE(nullptr, u.h);
-        s32 fd = SKT_GetSocketFD(u.h);
+    Udp srv(UdpInfo(SKT_ROLE_SERVER, "127.0.0.1", 7001)), cli(UdpInfo(SKT_ROLE_CLIENT, "127.0.0.1", 7001));
+    for (Udp *pU : {&srv, &cli}) {
+        ASSERT_NE(nullptr, pU->h);
+        SCOPED_TRACE(pU->h->enRole);
+        s32 fd = SKT_GetSocketFD(pU->h);
         EXPECT_NE(0, fcntl(fd, F_GETFL) & O_NONBLOCK);
         EXPECT_EQ(1, SockOption(fd, SO_REUSEADDR));
         EXPECT_EQ(lDefSnd, SockOption(fd, SO_SNDBUF));
@@ -83,50 +70,28 @@ TEST(SocketUdp, NonBlockingWithReuseAddrAndOnlyTheServerBinds)
         struct sockaddr_in stAddr = {};
         socklen_t len = sizeof(stAddr);
         ASSERT_EQ(0, getsockname(fd, reinterpret_cast<sockaddr *>(&stAddr), &len));
-        bool bServer = enRole == SKT_ROLE_SERVER;
-        EXPECT_EQ(bServer ? inet_addr("127.0.0.1") : 0u, stAddr.sin_addr.s_addr) << enRole;
-        EXPECT_EQ(bServer ? htons(7001) : 0, stAddr.sin_port) << enRole;
+        bool bServer = pU == &srv;  // only the server binds
+        EXPECT_EQ(bServer ? inet_addr("127.0.0.1") : 0u, stAddr.sin_addr.s_addr);
+        EXPECT_EQ(bServer ? htons(7001) : 0, stAddr.sin_port);
     }
-}
-
-TEST(SocketUdp, BindFailureLeavesTheListAsItWasAndDestroyCloses)
-{
-    IBP_REQUIRE_ISOLATION();
-    Udp keep(UdpInfo(SKT_ROLE_SERVER, "127.0.0.1", 7001));
-    ASSERT_NE(nullptr, keep.h);
     const std::string sBefore = Display();
     const int lFree = LowestFreeFd();
     ibptest::LogCapture cap;
     SKT_SOCK_INFO_S stInfo = UdpInfo(SKT_ROLE_SERVER, "192.0.2.1", 7009);  // not in this namespace
     EXPECT_EQ(nullptr, SKT_UdpInit(&stInfo));
-    char acText[128];
-    snprintf(acText, sizeof(acText),
-             "bind socket failed! error:Cannot assign requested address lSocket:%d localip:192.0.2.1 port:7009", lFree);
-    EXPECT_LOG(cap, "ERR", "BP", acText);
+    EXPECT_LOG(cap, "ERR", "BP", "bind socket failed! error:Cannot assign requested address lSocket:" +
+                                     std::to_string(lFree) + " localip:192.0.2.1 port:7009");
     EXPECT_EQ(sBefore, Display());
     EXPECT_EQ(lFree, LowestFreeFd());
-
-    SKT_HANDLE h = keep.h;
-    s32 fd = SKT_GetSocketFD(h);
-    SKT_UdpDestroy(&keep.h);
-    EXPECT_EQ(h, keep.h);  // the caller's variable is left as it was
-    keep.h = nullptr;
-    EXPECT_EQ(-1, fcntl(fd, F_GETFD));
+    for (Udp *pU : {&srv, &cli}) {
+        SKT_HANDLE h = pU->h;
+        s32 fd = SKT_GetSocketFD(h);
+        SKT_UdpDestroy(&pU->h);
+        EXPECT_EQ(h, pU->h);  // the caller's variable is left as it was
+        pU->h = nullptr;
+        EXPECT_EQ(-1, fcntl(fd, F_GETFD));
+    }
     EXPECT_EQ(kHeading, Display());
-}
-
-TEST(SocketUdp, AbsentArguments)
-{
-    ibptest::LogCapture cap;
-    EXPECT_EQ(nullptr, SKT_UdpInit(nullptr));
-    EXPECT_LOG(cap, "ERR", "BP", "pstSockInfo is NULL");
-    EXPECT_EQ(-1, SKT_GetSocketFD(nullptr));
-    EXPECT_LOG(cap, "ERR", "BP", "pstSocketCB is NULL");
-    SKT_UdpDestroy(nullptr);
-    EXPECT_LOG(cap, "ERR", "BP", "phSocket is NULL");
-    SKT_HANDLE hNone = nullptr;
-    SKT_UdpDestroy(&hNone);
-    EXPECT_LOG(cap, "ERR", "BP", "*ppstSocketCB is NULL");
 }
 
 TEST(SocketUdp, DescriptorsFrom1024AreRefused)
@@ -135,19 +100,15 @@ TEST(SocketUdp, DescriptorsFrom1024AreRefused)
     ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &stOld));
     if (stOld.rlim_max != RLIM_INFINITY && stOld.rlim_max < 1100)
         GTEST_SKIP() << "descriptor limit " << stOld.rlim_max << " too low to reach 1024";
-    struct rlimit stNew = stOld;
-    stNew.rlim_cur = 1100;
+    struct rlimit stNew = {1100, stOld.rlim_max};
     ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &stNew));
-    struct Fill {  // every free descriptor up to 1023, released at the end
-        std::vector<int> fds;
-        ~Fill() { for (int fd : fds) close(fd); }
-    } fill;
+    struct Fds : std::vector<int> { ~Fds() { for (int fd : *this) close(fd); } } fds;  // all free ones below 1024
     int fd;
     while ((fd = open("/dev/null", O_RDONLY)) >= 0 && fd < 1024)
-        fill.fds.push_back(fd);
+        fds.push_back(fd);
     if (fd >= 0)
         close(fd);
-    ASSERT_EQ(1023, fill.fds.back());
+    ASSERT_EQ(1023, fds.back());
     ibptest::LogCapture cap;
     SKT_SOCK_INFO_S stInfo = UdpInfo(SKT_ROLE_CLIENT, "127.0.0.1", 0);
     EXPECT_EQ(nullptr, SKT_UdpInit(&stInfo));
@@ -158,7 +119,7 @@ TEST(SocketUdp, DescriptorsFrom1024AreRefused)
     EXPECT_EQ("SKT_CreateSocket() failed!", recs[1].text);
     EXPECT_EQ(-1, fcntl(1024, F_GETFD));  // closed again
     close(1023);
-    fill.fds.pop_back();
+    fds.pop_back();
     {
         Udp ok(stInfo);
         EXPECT_EQ(1023, ok.h == nullptr ? -1 : SKT_GetSocketFD(ok.h));
@@ -166,24 +127,64 @@ TEST(SocketUdp, DescriptorsFrom1024AreRefused)
     setrlimit(RLIMIT_NOFILE, &stOld);
 }
 
-TEST(SocketMac, LoopbackHasTheZeroAddressAndUnknownNamesFail)
+TEST(SocketArgs, AbsentArgumentsInArgumentOrderAndUnknownInterfaces)
 {
     IBP_REQUIRE_ISOLATION();
-    u8 aucMac[6] = {0xaa, 0xaa, 0xaa, 0xaa, 0xaa, 0xaa};
+    Udp u(UdpInfo(SKT_ROLE_CLIENT, "127.0.0.1", 0));
+    ASSERT_NE(nullptr, u.h);
+    const std::string sFd = std::to_string(u.h->lSocket);
+    u8 aucMac[6] = {0xaa, 0xaa, 0xaa, 0xaa, 0xaa, 0xaa}, aucBuf[4] = {};
+    u32 ulLen = sizeof(aucBuf), ulZero = 0, ulRetry = 1, ulSleep = 1;
+    SKT_HANDLE hNone = nullptr, ah[2] = {u.h, nullptr};
     ibptest::LogCapture cap;
-    EXPECT_EQ(1u, SKT_GetMacAddr("nosuchif0", aucMac));
+    EXPECT_EQ(1u, SKT_GetMacAddr("nosuchif0", aucMac));  // no record: a missing interface is no fault
     EXPECT_EQ(1u, SKT_GetMacAddr("lo-and-some-more-text", aucMac));  // cut to 15: still no interface
-    EXPECT_EQ(0u, cap.Records().size());  // a missing interface is no logged fault
     EXPECT_EQ(std::vector<u8>(6, 0xaa), std::vector<u8>(aucMac, aucMac + 6));
     EXPECT_EQ(0u, SKT_GetMacAddr("lo", aucMac));
     EXPECT_EQ(std::vector<u8>(6, 0), std::vector<u8>(aucMac, aucMac + 6));
+    EXPECT_EQ(nullptr, SKT_UdpInit(nullptr));
+    EXPECT_EQ(nullptr, SKT_TcpInit(nullptr));
+    EXPECT_EQ(-1, SKT_GetSocketFD(nullptr));
+    SKT_UdpDestroy(nullptr);
+    SKT_UdpDestroy(&hNone);
+    SKT_TcpDestroy(nullptr);
     EXPECT_EQ(1u, SKT_GetMacAddr(nullptr, nullptr));
-    EXPECT_LOG(cap, "ERR", "BP", "pcNetName is NULL!");
     EXPECT_EQ(1u, SKT_GetMacAddr("lo", nullptr));
-    EXPECT_LOG(cap, "ERR", "BP", "pucMacAddr is NULL!");
+    EXPECT_EQ(1u, SKT_PrintSock(nullptr, nullptr));
+    EXPECT_EQ(1u, SKT_TcpConnect(nullptr));
+    EXPECT_EQ(1u, SKT_TcpConnect(u.h));  // a UDP endpoint stays in status 0
+    EXPECT_EQ(1u, SKT_TcpRecv(nullptr, 0, &ulLen, aucBuf));
+    EXPECT_EQ(1u, SKT_TcpRecv(u.h, 0, nullptr, aucBuf));
+    EXPECT_EQ(1u, SKT_TcpRecv(u.h, 0, &ulLen, nullptr));
+    EXPECT_EQ(1u, SKT_TcpRecv(u.h, 0, &ulZero, aucBuf));
+    EXPECT_EQ(1u, SKT_TcpRecv(u.h, 0, &ulLen, aucBuf));
+    EXPECT_EQ(-1, SKT_TcpSend(nullptr, 4, aucBuf, &ulRetry, &ulSleep));
+    EXPECT_EQ(1, SKT_TcpSend(u.h, 4, nullptr, &ulRetry, &ulSleep));
+    EXPECT_EQ(1, SKT_TcpSend(u.h, 4, aucBuf, nullptr, &ulSleep));
+    EXPECT_EQ(1, SKT_TcpSend(u.h, 4, aucBuf, &ulRetry, nullptr));
+    EXPECT_EQ(-1, SKT_TcpSend(u.h, 4, aucBuf, &ulRetry, &ulSleep));
+    EXPECT_EQ(1u, SKT_TcpPollSock(0, ah, 10));
+    EXPECT_EQ(1u, SKT_TcpPollSock(2, ah, 10));
+    u.h->lSocket = -1;  // the first bad element is the one named
+    EXPECT_EQ(1u, SKT_TcpPollSock(2, ah, 10));
+    u.h->lSocket = std::stoi(sFd);
+    std::vector<std::string> texts;
+    for (const auto &rec : cap.Records())
+        texts.push_back("[" + rec.level + "]" + rec.text);
+    EXPECT_EQ((std::vector<std::string>{
+                  "[ERR]pstSockInfo is NULL", "[ERR]pstSockInfo is NULL", "[ERR]pstSocketCB is NULL",
+                  "[ERR]phSocket is NULL", "[ERR]*ppstSocketCB is NULL", "[ERR]phSocket is NULL",
+                  "[ERR]pcNetName is NULL!", "[ERR]pucMacAddr is NULL!", "[ERR]pulOutBufLen is NULL",
+                  "[ERR]pstSocketCB is NULL", "[WRN]socket status 0 error!", "[ERR]pstSocketCB is NULL",
+                  "[ERR]pulDataLen is NULL", "[ERR]pucBuf is NULL", "[ERR]Param illegal, datalen is 0",
+                  "[ERR]Param illegal, enSockStatus:0, lSocket:" + sFd, "[ERR]pstSocketCB is NULL!",
+                  "[ERR]pucBuf is NULL", "[ERR]pulRetryNum is NULL", "[ERR]pulSleepTime is NULL",
+                  "[ERR]Param illegal! enSockStatus:0 lSocket:" + sFd, "[ERR]invalid socket number",
+                  "[ERR]pstSocketCB is NULL", "[ERR]i:0 lSocket:-1 illegal"}),
+              texts);
 }
 
-TEST(SocketPrint, NewestFirstBehindTheTextAndCutToCapacity)
+TEST(SocketPrint, NewestFirstAndCutToCapacity)
 {
     IBP_REQUIRE_ISOLATION();
     Udp lib(UdpInfo(SKT_ROLE_SERVER, "127.0.0.1", 7001, 0));
@@ -201,14 +202,6 @@ TEST(SocketPrint, NewestFirstBehindTheTextAndCutToCapacity)
         acFds[1] + " 0          127.0.0.1        7002     UDP        Server           0          2000       \n";
     EXPECT_EQ(sAll, Display());
     EXPECT_EQ(sAll.substr(0, 119), Display(120));  // one byte goes to the terminator
-    char acBuf[512] = "cbuf\n";
-    u32 ulLen = sizeof(acBuf);
-    EXPECT_EQ(0u, SKT_PrintSock(&ulLen, acBuf));
-    EXPECT_EQ("cbuf\n" + sAll, std::string(acBuf));
-    EXPECT_EQ(5u + sAll.size(), ulLen);
-    ibptest::LogCapture cap;
-    EXPECT_EQ(1u, SKT_PrintSock(nullptr, nullptr));
-    EXPECT_LOG(cap, "ERR", "BP", "pulOutBufLen is NULL");
 }
 
 }  // namespace

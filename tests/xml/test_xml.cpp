@@ -1,7 +1,8 @@
-// Opening XML documents, path lookup and the three value readers.
+// Opening XML documents, path lookup, the three value readers, and the argument checks of every call.
 #include <mxml.h>
 
 #include <cstring>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -11,349 +12,206 @@ using namespace xmltest;
 
 namespace {
 
-class XmlDocTest : public XmlTest {};
-class XmlReadTest : public XmlTest {};
+// Builds <cfg><v0>text0</v0><v1>text1</v1>...extra</cfg>.
+template <typename Case, size_t N>
+std::string Numbered(const Case (&cases)[N], const std::string &extra = "")
+{
+    std::string body = "<cfg>";
+    for (size_t i = 0; i < N; ++i)
+        body += "<v" + std::to_string(i) + ">" + cases[i].text + "</v" + std::to_string(i) + ">";
+    return body + extra + "</cfg>";
+}
 
-TEST_F(XmlDocTest, OpenFailuresLogAndReturnNull)
+// <d><d>...<leaf>3</leaf>...</d></d>, `levels` deep, short of `missing` end tags.
+std::string Deep(int levels, int missing = 0)
+{
+    std::string text;
+    for (int i = 0; i < levels; ++i)
+        text += "<d>";
+    text += "<leaf>3</leaf>";
+    for (int i = missing; i < levels; ++i)
+        text += "</d>";
+    return text;
+}
+
+TEST_F(XmlTest, BadArgumentsAreNamedInArgumentOrder)
+{
+    Doc doc("<cfg><v>1</v></cfg>");
+    ASSERT_NE(doc.h, nullptr);
+    XML_NODE hN = doc.Node("cfg/v");
+    XML_DOC_S stNoTree{};  // not freed by Destroy: it is no heap block
+    XML_GET_TABLE_S astTable[1] = {};
+    u32 aul[2] = {1, 1};
+    ibptest::LogCapture cap;
+    const struct {
+        std::function<bool()> call;  // true when the call reported a failure
+        const char *text;
+    } cases[] = {
+        {[&] { return XML_Init(nullptr, nullptr) == nullptr; }, "pcXmlFile is NULL"},
+        {[&] { return XML_InitLensFile(nullptr) == nullptr; }, "pcXmlFile is NULL"},
+        {[&] { XML_Destroy(nullptr); return true; }, "hHandle is invalid"},
+        {[&] { XML_Destroy(&stNoTree); return true; }, "xml node is invalid"},
+        {[&] { return XML_GetNodeset(nullptr, nullptr) == nullptr; }, "hHandle is invalid"},
+        {[&] { return XML_GetNodeset(doc.h, nullptr) == nullptr; }, "pcNodePath is NULL"},
+        {[&] { return XML_GetNodeset(&stNoTree, "cfg") == nullptr; }, "xml node is invalid"},
+        {[&] { return XML_GetInt(nullptr, 4, nullptr, nullptr) == 1; }, "hNode is invalid"},
+        {[&] { return XML_GetInt(hN, 4, nullptr, nullptr) == 1; }, "pulElemNum is NULL"},
+        {[&] { return XML_GetInt(hN, 4, aul, nullptr) == 1; }, "pValue is NULL"},
+        {[&] { return XML_GetIntArray(nullptr, 4, nullptr, aul) == 1; }, "hNode is invalid"},
+        {[&] { return XML_GetIntArray(hN, 4, nullptr, aul) == 1; }, "pulElemNum is NULL"},
+        {[&] { return XML_GetString(nullptr, 0, nullptr, nullptr) == 1; }, "hNode is invalid"},
+        {[&] { return XML_GetString(hN, 0, nullptr, nullptr) == 1; }, "pulSize is NULL"},
+        {[&] { return XML_GetString(hN, 0, aul, nullptr) == 1; }, "pValue is NULL"},
+        {[&] { return XML_BatchGet(nullptr, nullptr, nullptr, 1, nullptr) == 1; }, "hHandle is invalid"},
+        {[&] { return XML_BatchGet(doc.h, nullptr, nullptr, 1, nullptr) == 1; }, "pcNodePath is NULL"},
+        {[&] { return XML_BatchGet(doc.h, "cfg", nullptr, 1, nullptr) == 1; }, "pstGetTable is NULL"},
+        {[&] { return XML_BatchGet(doc.h, "cfg", astTable, 1, nullptr) == 1; }, "pValue is NULL"},
+        {[&] { return XML_GetIntArray2D(nullptr, nullptr, 4, nullptr, nullptr) == 1; }, "hHandle is invalid"},
+        {[&] { return XML_GetIntArray2D(doc.h, nullptr, 4, nullptr, nullptr) == 1; }, "pcNodePath is NULL"},
+        {[&] { return XML_GetIntArray2D(doc.h, "cfg", 4, nullptr, nullptr) == 1; }, "pulElemNum is NULL"},
+        {[&] { return XML_GetIntArray2D(doc.h, "cfg", 4, aul, nullptr) == 1; }, "pValue is NULL"},
+        {[&] { return XML_BatchGet(doc.h, "cfg/no", astTable, 1, aul) == 1; }, "Get node set of cfg/no fail"},
+        {[&] { return XML_GetIntArray2D(doc.h, "cfg/no", 4, aul, aul) == 1; }, "XML_GetNodeset cfg/no fail"},
+    };
+    for (size_t i = 0; i < std::size(cases); ++i) {
+        SCOPED_TRACE("case " + std::to_string(i));
+        cap.Clear();
+        EXPECT_TRUE(cases[i].call());
+        EXPECT_EQ(TextsOf(cap), Texts{cases[i].text});
+        EXPECT_EQ(cap.Count("ERR", "BP", cases[i].text), 1u);
+    }
+}
+
+TEST_F(XmlTest, OpenFailuresGiveARecordPair)
 {
     ibptest::LogCapture cap;
-    EXPECT_EQ(XML_Init(nullptr, nullptr), nullptr);
-    EXPECT_EQ(XML_InitLensFile(nullptr), nullptr);
-    EXPECT_EQ(cap.Count("ERR", "BP", "pcXmlFile is NULL"), 2u);
-
-    cap.Clear();
     EXPECT_EQ(XML_InitLensFile("/tmp/none.xml"), nullptr);
-    auto recs = cap.Records();
-    ASSERT_EQ(recs.size(), 2u) << cap.Dump();
-    EXPECT_EQ(recs[0].text, "fopen file /tmp/none.xml fail");
-    EXPECT_EQ(recs[1].text, "xml init /tmp/none.xml fail!");
-    EXPECT_EQ(recs[1].func, "XML_InitLensFile");
-    EXPECT_EQ(recs[1].level, "ERR");
+    EXPECT_EQ(TextsOf(cap), (Texts{"fopen file /tmp/none.xml fail", "xml init /tmp/none.xml fail!"}));
+    EXPECT_EQ(cap.Records().back().func, "XML_InitLensFile");
 
-    // Malformed files: each one a failure record pair, nothing left open.
-    const std::vector<std::string> bad = {
-        "",                                               // empty
-        WithDecl("<cfg><a>1</a>"),                        // missing end tag
-        "<cfg><a>1</a>",                                  // and without a declaration
-        WithDecl("<cfg><a><b>1</cfg>"),                   // missing nested end tags
-        WithDecl("<cfg><a>1</b></cfg>"),                  // mismatched end tag
-        WithDecl("<cfg a=\"1></cfg>"),                    // open attribute
-        std::string("<cfg>\0\x01</cfg>", 13),             // control characters
-        WithDecl(std::string(20000, '<')),                // tag soup
+    const std::string bad[] = {
+        "",
+        WithDecl("<cfg><a>1</a>"),       // missing end tag
+        WithDecl("<cfg><a><b>1</cfg>"),  // missing nested end tags
+        WithDecl("<cfg><a>1</b></cfg>"),
+        std::string("<cfg>\0\x01</cfg>", 13),
+        WithDecl(std::string(20000, '<')),
+        WithDecl(Deep(100000, 10)),
     };
     for (const std::string &text : bad) {
+        SCOPED_TRACE(text.substr(0, 60));
         cap.Clear();
         WriteFile("/tmp/bad.xml", text);
-        EXPECT_EQ(XML_Init("/tmp/bad.xml", nullptr), nullptr) << text.substr(0, 40);
-        recs = cap.Records();
-        ASSERT_EQ(recs.size(), 2u) << cap.Dump();
-        EXPECT_EQ(recs[0].text, "mxmlLoadFile fail");
-        EXPECT_EQ(recs[1].text, "xml init /tmp/bad.xml fail!");
-        EXPECT_EQ(recs[1].func, "XML_Init");
+        EXPECT_EQ(XML_Init("/tmp/bad.xml", nullptr), nullptr);
+        EXPECT_EQ(TextsOf(cap), (Texts{"mxmlLoadFile fail", "xml init /tmp/bad.xml fail!"}));
+        EXPECT_EQ(cap.Records().back().func, "XML_Init");
     }
 }
 
-TEST_F(XmlDocTest, InitAndLensFileGiveTheSameDocument)
+TEST_F(XmlTest, InitAndLensFileGiveTheSameDocument)
 {
-    WriteFile("/tmp/same.xml", WithDecl("<cfg><v>41</v><w>x</w></cfg>"));
-    XML_HANDLE hA = XML_Init("/tmp/same.xml", nullptr);
-    XML_HANDLE hB = XML_InitLensFile("/tmp/same.xml");
-    ASSERT_NE(hA, nullptr);
-    ASSERT_NE(hB, nullptr);
-    EXPECT_STREQ(hA->acFileName, "/tmp/same.xml");
-    EXPECT_STREQ(hB->acFileName, "/tmp/same.xml");
-    for (XML_HANDLE h : {hA, hB}) {
+    // The name field keeps the first 127 characters of a longer path.
+    const std::string path = "/tmp/" + std::string(140, 'n') + ".xml";
+    WriteFile(path, WithDecl("<cfg><grp><leaf>41</leaf></grp></cfg>"));
+    ibptest::LogCapture cap;
+    for (XML_HANDLE h : {XML_Init(path.c_str(), nullptr), XML_InitLensFile(path.c_str())}) {
+        ASSERT_NE(h, nullptr);
+        EXPECT_EQ(std::string(h->acFileName), path.substr(0, 127));
+        XML_NODE hLeaf = XML_GetNodeset(h, "cfg/grp/leaf");  // the element, not its text node
+        EXPECT_STREQ(mxmlGetElement(hLeaf), "leaf");
+        EXPECT_EQ(XML_GetNodeset(h, "*/leaf"), hLeaf);
+        EXPECT_EQ(XML_GetNodeset(h, "cfg/leaf"), nullptr);
         s32 lValue = 0;
         u32 ulNum = 0;
-        ASSERT_EQ(XML_GetInt(XML_GetNodeset(h, "cfg/v"), 4, &ulNum, &lValue), 0u);
+        EXPECT_EQ(XML_GetInt(hLeaf, 4, &ulNum, &lValue), 0u);
         EXPECT_EQ(lValue, 41);
+        XML_Destroy(h);
     }
-    XML_Destroy(hA);
-    XML_Destroy(hB);
-
-    // A path longer than the name field is kept as its first 127 characters.
-    std::string longPath = "/tmp/" + std::string(140, 'n') + ".xml";
-    WriteFile(longPath, WithDecl("<cfg/>"));
-    XML_HANDLE hLong = XML_Init(longPath.c_str(), nullptr);
-    ASSERT_NE(hLong, nullptr);
-    EXPECT_EQ(std::string(hLong->acFileName), longPath.substr(0, 127));
-    XML_Destroy(hLong);
+    EXPECT_TRUE(cap.Records().empty()) << cap.Dump();  // a missing path is no failure
 }
 
-TEST_F(XmlDocTest, DestroyRefusesBadHandles)
+// Each case reads node v<index> into a buffer filled with 0xA5; bytes past `bytes` stay untouched.
+TEST_F(XmlTest, ReadersConvertCopyAndRefuse)
 {
-    ibptest::LogCapture cap;
-    XML_Destroy(nullptr);
-    EXPECT_LOG(cap, "ERR", "BP", "hHandle is invalid");
-
-    // A record without a tree is not freed: it may not even be a heap block.
-    XML_DOC_S stDoc{};
-    XML_Destroy(&stDoc);
-    EXPECT_LOG(cap, "ERR", "BP", "xml node is invalid");
-    EXPECT_EQ(XML_GetNodeset(&stDoc, "a"), nullptr);
-    EXPECT_EQ(cap.Count("ERR", "BP", "xml node is invalid"), 2u);
-}
-
-TEST_F(XmlDocTest, NodesetNamesTheElement)
-{
-    Doc doc("<cfg><grp><leaf>5</leaf><empty/></grp><leaf2>a</leaf2></cfg>");
-    ASSERT_NE(doc.h, nullptr);
-    ibptest::LogCapture cap;
-
-    XML_NODE hLeaf = doc.Node("cfg/grp/leaf");
-    ASSERT_NE(hLeaf, nullptr);
-    EXPECT_EQ(mxmlGetType(hLeaf), MXML_ELEMENT);
-    EXPECT_STREQ(mxmlGetElement(hLeaf), "leaf");
-    EXPECT_STREQ(mxmlGetElement(doc.Node("cfg/grp")), "grp");
-    EXPECT_STREQ(mxmlGetElement(doc.Node("cfg/grp/empty")), "empty");
-    EXPECT_EQ(doc.Node("*/leaf"), hLeaf);
-    EXPECT_EQ(doc.Node("cfg/nothing"), nullptr);
-    EXPECT_EQ(doc.Node("cfg/leaf"), nullptr);  // not a child of cfg
-    EXPECT_EQ(doc.Node(""), nullptr);
-    EXPECT_TRUE(cap.Records().empty()) << cap.Dump();
-
-    // Arguments are tested in order: the first bad one is the only record.
-    EXPECT_EQ(XML_GetNodeset(nullptr, nullptr), nullptr);
-    EXPECT_EQ(XML_GetNodeset(doc.h, nullptr), nullptr);
-    auto recs = cap.Records();
-    ASSERT_EQ(recs.size(), 2u) << cap.Dump();
-    EXPECT_EQ(recs[0].text, "hHandle is invalid");
-    EXPECT_EQ(recs[1].text, "pcNodePath is NULL");
-}
-
-TEST_F(XmlReadTest, IntegersInEveryNotation)
-{
-    struct Case {
+    const auto Int = XML_GetInt, Arr = XML_GetIntArray, Str = XML_GetString;
+    const struct {
+        XML_GET_VALUE_PFN get;
+        u32 elemSize;
         const char *text;
-        u32 size;
-        u32 expect;  // low-order `size` bytes are compared
+        u32 num;     // *pulElemNum (capacity) on entry
+        u32 numOut;  // and afterwards
+        std::vector<u8> bytes;
+        const char *record;  // level and text; null: success
+    } cases[] = {
+        {Int, 4, "41", 0, 1, {41, 0, 0, 0}, nullptr},
+        {Int, 4, "0x10", 0, 1, {0x10, 0, 0, 0}, nullptr},
+        {Int, 4, "010", 0, 1, {8, 0, 0, 0}, nullptr},
+        {Int, 1, "-1", 0, 1, {0xFF}, nullptr},
+        {Int, 2, "12ab", 0, 1, {12, 0}, nullptr},
+        {Int, 3, "0x123456789", 0, 1, {0x89, 0x67, 0x45}, nullptr},
+        {Int, 0, "9", 0, 1, {}, nullptr},
+        {Int, 4, "ab", 0, 0, {}, "ERR strtoll fail! pcContent=v7 pcEndString=ab"},
+        {Int, 4, "", 0, 0, {}, "ERR node v8 content is NULL"},
+        {Int, 5, "9", 0, 0, {}, "ERR element size 5 > 4 not supported"},
+        {Arr, 2, "1,2,3", 3, 3, {1, 0, 2, 0, 3, 0}, nullptr},
+        {Arr, 2, "5,6,7,8", 3, 3, {5, 0, 6, 0, 7, 0}, "ERR node v11 element number > max 3"},
+        {Arr, 2, "1,,0x20,,,010", 4, 3, {1, 0, 0x20, 0, 8, 0}, nullptr},
+        {Arr, 1, ",,,", 4, 0, {}, nullptr},
+        {Arr, 1, "1, 2", 4, 1, {1}, nullptr},  // "2" is a word of its own
+        {Arr, 1, "4,x,6", 4, 4, {4}, "ERR stroll fail! node=v15 content=x"},
+        {Arr, 1, "1", 0, 0, {}, "ERR node v16 element number > max 0"},
+        {Arr, 1, "", 4, 4, {}, "ERR mxmlGetText v17 fail"},
+        {Str, 0, "abcd", 4, 4, {'a', 'b', 'c', 'd'}, nullptr},  // no terminator fits
+        {Str, 0, "ab", 4, 2, {'a', 'b', 0, 0}, nullptr},
+        {Str, 0, "abcde", 4, 4, {}, "WRN output buffer not enough! 5 > 4 "},
+        {Str, 0, "", 4, 4, {}, "ERR mxmlGetText v21 fail"},
     };
-    const Case cases[] = {
-        {"41", 4, 41},
-        {"0x10", 4, 16},
-        {"0X1f", 4, 31},
-        {"010", 4, 8},
-        {"-1", 1, 0xFF},
-        {"-1", 2, 0xFFFF},
-        {"-0x10", 4, 0xFFFFFFF0u},
-        {"+300", 1, 300 & 0xFF},
-        {"12ab", 4, 12},
-        {"7 8", 4, 7},  // only the first word is the value
-        {"0x123456789", 4, 0x23456789},
-        {"99999999999999999999", 4, 0xFFFFFFFFu},  // saturated, then cut
-        {"0x1234", 3, 0x1234},
-    };
-    std::string body = "<cfg>";
-    for (size_t i = 0; i < std::size(cases); ++i)
-        body += "<v" + std::to_string(i) + ">" + cases[i].text + "</v" + std::to_string(i) + ">";
-    Doc doc(body + "</cfg>");
+    Doc doc(Numbered(cases, "<count>1,2,3</count>"));
     ASSERT_NE(doc.h, nullptr);
-
+    ibptest::LogCapture cap;
     for (size_t i = 0; i < std::size(cases); ++i) {
-        const Case &c = cases[i];
+        const auto &c = cases[i];
+        SCOPED_TRACE("v" + std::to_string(i) + ": " + c.text);
+        cap.Clear();
         u8 buf[8];
         memset(buf, 0xA5, sizeof(buf));
-        u32 ulNum = 77;
-        std::string path = "cfg/v" + std::to_string(i);
-        ASSERT_EQ(XML_GetInt(doc.Node(path.c_str()), c.size, &ulNum, buf), 0u) << c.text;
-        EXPECT_EQ(ulNum, 1u) << c.text;
-        u32 got = 0;
-        memcpy(&got, buf, c.size);
-        EXPECT_EQ(got, c.expect & (c.size == 4 ? 0xFFFFFFFFu : (1u << (8 * c.size)) - 1)) << c.text;
-        for (size_t j = c.size; j < sizeof(buf); ++j)
-            EXPECT_EQ(buf[j], 0xA5) << c.text << " wrote past its width at byte " << j;
+        u32 ulNum = c.num;
+        EXPECT_EQ(c.get(doc.Node("cfg/v" + std::to_string(i)), c.elemSize, &ulNum, buf), c.record ? 1u : 0u);
+        EXPECT_EQ(ulNum, c.numOut);
+        EXPECT_EQ(TextsOf(cap, true), c.record ? Texts{c.record} : Texts{});
+        std::vector<u8> expect(c.bytes);
+        expect.resize(sizeof(buf), 0xA5);
+        EXPECT_EQ(std::vector<u8>(buf, buf + sizeof(buf)), expect);
     }
-}
-
-TEST_F(XmlReadTest, IntegerFailures)
-{
-    Doc doc("<cfg><ab>ab</ab><none></none><blank> </blank><ok>9</ok></cfg>");
-    ASSERT_NE(doc.h, nullptr);
-    ibptest::LogCapture cap;
-    s32 lValue = 5;
-    u32 ulNum = 0;
-
-    EXPECT_EQ(XML_GetInt(doc.Node("cfg/ab"), 4, &ulNum, &lValue), 1u);
-    EXPECT_LOG(cap, "ERR", "BP", "strtoll fail! pcContent=ab pcEndString=ab");
-    EXPECT_EQ(XML_GetInt(doc.Node("cfg/none"), 4, &ulNum, &lValue), 1u);
-    EXPECT_LOG(cap, "ERR", "BP", "node none content is NULL");
-    EXPECT_EQ(XML_GetInt(doc.Node("cfg/blank"), 4, &ulNum, &lValue), 1u);
-    EXPECT_LOG(cap, "ERR", "BP", "strtoll fail! pcContent=blank pcEndString=");
-    EXPECT_EQ(XML_GetInt(doc.Node("cfg/ok"), 5, &ulNum, &lValue), 1u);
-    EXPECT_EQ(cap.CountPrefix("element size 5 > 4"), 1u) << cap.Dump();
-    EXPECT_EQ(lValue, 5);
-    EXPECT_EQ(ulNum, 0u);
-
-    // Width 0 copies nothing but succeeds.
-    EXPECT_EQ(XML_GetInt(doc.Node("cfg/ok"), 0, &ulNum, &lValue), 0u);
-    EXPECT_EQ(lValue, 5);
-    EXPECT_EQ(ulNum, 1u);
-
-    cap.Clear();
-    EXPECT_EQ(XML_GetInt(nullptr, 4, nullptr, nullptr), 1u);
-    EXPECT_EQ(XML_GetInt(doc.Node("cfg/ok"), 4, nullptr, nullptr), 1u);
-    EXPECT_EQ(XML_GetInt(doc.Node("cfg/ok"), 4, &ulNum, nullptr), 1u);
-    auto recs = cap.Records();
-    ASSERT_EQ(recs.size(), 3u) << cap.Dump();
-    EXPECT_EQ(recs[0].text, "hNode is invalid");
-    EXPECT_EQ(recs[1].text, "pulElemNum is NULL");
-    EXPECT_EQ(recs[2].text, "pValue is NULL");
-}
-
-TEST_F(XmlReadTest, IntArraysHonourCapacityAndSkipEmptyFields)
-{
-    Doc doc(
-        "<cfg><three>1,2,3</three><four>5,6,7,8</four><gaps>1,,0x20,,,010</gaps>"
-        "<commas>,,,</commas><count>1,2,3</count><blank>1, 2</blank><bad>4,x,6</bad>"
-        "<zero>1</zero><none></none></cfg>");
-    ASSERT_NE(doc.h, nullptr);
-    ibptest::LogCapture cap;
-
-    s32 al[4] = {0, 0, 0, -9};
-    u32 ulNum = 3;
-    ASSERT_EQ(XML_GetIntArray(doc.Node("cfg/three"), 4, &ulNum, al), 0u);
-    EXPECT_EQ(ulNum, 3u);
-    EXPECT_EQ(al[0], 1);
-    EXPECT_EQ(al[2], 3);
-    EXPECT_EQ(al[3], -9);
-
-    // One field too many: the first three stay stored, the count unchanged.
-    ulNum = 3;
-    EXPECT_EQ(XML_GetIntArray(doc.Node("cfg/four"), 4, &ulNum, al), 1u);
-    EXPECT_EQ(ulNum, 3u);
-    EXPECT_EQ(al[0], 5);
-    EXPECT_EQ(al[2], 7);
-    EXPECT_EQ(al[3], -9);
-    EXPECT_LOG(cap, "ERR", "BP", "node four element number > max 3");
-
-    u16 aus[4] = {0, 0, 0, 0xBEEF};
-    ulNum = 4;
-    ASSERT_EQ(XML_GetIntArray(doc.Node("cfg/gaps"), 2, &ulNum, aus), 0u);
-    EXPECT_EQ(ulNum, 3u);
-    EXPECT_EQ(aus[0], 1);
-    EXPECT_EQ(aus[1], 0x20);
-    EXPECT_EQ(aus[2], 8);
-    EXPECT_EQ(aus[3], 0xBEEF);
-
-    ulNum = 4;
-    EXPECT_EQ(XML_GetIntArray(doc.Node("cfg/commas"), 4, &ulNum, al), 0u);
-    EXPECT_EQ(ulNum, 0u);
 
     // Counting splits the text too: the node then reads as one element.
-    ulNum = 0;
+    u32 ulNum = 0;
     EXPECT_EQ(XML_GetIntArray(doc.Node("cfg/count"), 4, &ulNum, nullptr), 0u);
     EXPECT_EQ(ulNum, 3u);
-    ulNum = 4;
+    s32 al[3] = {};
+    ulNum = 3;
     EXPECT_EQ(XML_GetIntArray(doc.Node("cfg/count"), 4, &ulNum, al), 0u);
     EXPECT_EQ(ulNum, 1u);
-
-    ulNum = 4;
-    EXPECT_EQ(XML_GetIntArray(doc.Node("cfg/blank"), 4, &ulNum, al), 0u);
-    EXPECT_EQ(ulNum, 1u);
-
-    ulNum = 4;
-    al[0] = 0;
-    EXPECT_EQ(XML_GetIntArray(doc.Node("cfg/bad"), 4, &ulNum, al), 1u);
-    EXPECT_EQ(ulNum, 4u);
-    EXPECT_EQ(al[0], 4);
-    EXPECT_LOG(cap, "ERR", "BP", "stroll fail! node=bad content=x");
-
-    ulNum = 0;
-    EXPECT_EQ(XML_GetIntArray(doc.Node("cfg/zero"), 4, &ulNum, al), 1u);
-    EXPECT_LOG(cap, "ERR", "BP", "node zero element number > max 0");
-    EXPECT_EQ(XML_GetIntArray(doc.Node("cfg/none"), 4, &ulNum, al), 1u);
-    EXPECT_LOG(cap, "ERR", "BP", "mxmlGetText none fail");
-
-    cap.Clear();
-    EXPECT_EQ(XML_GetIntArray(nullptr, 4, nullptr, al), 1u);
-    EXPECT_EQ(XML_GetIntArray(doc.Node("cfg/zero"), 4, nullptr, al), 1u);
-    auto recs = cap.Records();
-    ASSERT_EQ(recs.size(), 2u) << cap.Dump();
-    EXPECT_EQ(recs[0].text, "hNode is invalid");
-    EXPECT_EQ(recs[1].text, "pulElemNum is NULL");
 }
 
-TEST_F(XmlReadTest, StringsUpToExactlyTheCapacity)
+TEST_F(XmlTest, HugeTextAndDeepNestingLoad)
 {
-    Doc doc("<cfg><four>abcd</four><five>abcde</five><two>ab</two><none/></cfg>");
+    const std::string huge(256 * 1024, '7');
+    Doc doc("<cfg><h>" + huge + "</h><l>" + huge + "," + huge + "</l>" + Deep(100000) + "</cfg>");
     ASSERT_NE(doc.h, nullptr);
     ibptest::LogCapture cap;
-
-    char buf[6];
-    memset(buf, '#', sizeof(buf));
-    u32 ulSize = 4;
-    ASSERT_EQ(XML_GetString(doc.Node("cfg/four"), 0, &ulSize, buf), 0u);
-    EXPECT_EQ(ulSize, 4u);
-    EXPECT_EQ(std::string(buf, 6), "abcd##");  // no terminator fits
-
-    memset(buf, '#', sizeof(buf));
-    ulSize = 4;
-    EXPECT_EQ(XML_GetString(doc.Node("cfg/five"), 0, &ulSize, buf), 1u);
-    EXPECT_EQ(ulSize, 4u);
-    EXPECT_EQ(std::string(buf, 6), "######");
-    EXPECT_LOG(cap, "WRN", "BP", "output buffer not enough! 5 > 4 ");
-
-    ulSize = 4;
-    ASSERT_EQ(XML_GetString(doc.Node("cfg/two"), 0, &ulSize, buf), 0u);
-    EXPECT_EQ(ulSize, 2u);
-    EXPECT_EQ(std::string(buf, 6), std::string("ab\0\0##", 6));
-
-    EXPECT_EQ(XML_GetString(doc.Node("cfg/none"), 0, &ulSize, buf), 1u);
-    EXPECT_LOG(cap, "ERR", "BP", "mxmlGetText none fail");
-
-    cap.Clear();
-    EXPECT_EQ(XML_GetString(nullptr, 0, nullptr, nullptr), 1u);
-    EXPECT_EQ(XML_GetString(doc.Node("cfg/two"), 0, nullptr, nullptr), 1u);
-    EXPECT_EQ(XML_GetString(doc.Node("cfg/two"), 0, &ulSize, nullptr), 1u);
-    auto recs = cap.Records();
-    ASSERT_EQ(recs.size(), 3u) << cap.Dump();
-    EXPECT_EQ(recs[0].text, "hNode is invalid");
-    EXPECT_EQ(recs[1].text, "pulSize is NULL");
-    EXPECT_EQ(recs[2].text, "pValue is NULL");
-}
-
-TEST_F(XmlReadTest, HostileFilesLoadOrFailCleanly)
-{
-    constexpr int kDepth = 100000;
-    std::string deep;
-    for (int i = 0; i < kDepth; ++i)
-        deep += "<d>";
-    deep += "<leaf>3</leaf>";
-    for (int i = 0; i < kDepth; ++i)
-        deep += "</d>";
-    {
-        Doc doc(deep);
-        ASSERT_NE(doc.h, nullptr);
-        s32 lValue = 0;
-        u32 ulNum = 0;
-        EXPECT_EQ(XML_GetInt(doc.Node("*/leaf"), 4, &ulNum, &lValue), 0u);
-        EXPECT_EQ(lValue, 3);
-    }
-    {
-        ibptest::LogCapture cap;
-        Doc doc(deep.substr(0, deep.size() - 4 * 10));  // ten end tags short
-        EXPECT_EQ(doc.h, nullptr);
-        EXPECT_LOG(cap, "ERR", "BP", "mxmlLoadFile fail");
-    }
-    {
-        const std::string huge(256 * 1024, '7');
-        Doc doc("<cfg><h>" + huge + "</h><l>" + huge + "," + huge + "</l></cfg>");
-        ASSERT_NE(doc.h, nullptr);
-        ibptest::LogCapture cap;
-        char buf[16];
-        u32 ulSize = sizeof(buf);
-        EXPECT_EQ(XML_GetString(doc.Node("cfg/h"), 0, &ulSize, buf), 1u);
-        EXPECT_LOG(cap, "WRN", "BP", "output buffer not enough! 262144 > 16 ");
-        u32 ulValue = 0;
-        u32 ulNum = 0;
-        EXPECT_EQ(XML_GetInt(doc.Node("cfg/h"), 4, &ulNum, &ulValue), 0u);
-        EXPECT_EQ(ulValue, 0xFFFFFFFFu);
-        u32 aul[2] = {0, 0};
-        ulNum = 2;
-        EXPECT_EQ(XML_GetIntArray(doc.Node("cfg/l"), 4, &ulNum, aul), 0u);
-        EXPECT_EQ(ulNum, 2u);
-        EXPECT_EQ(aul[1], 0xFFFFFFFFu);
-    }
+    u32 aul[4] = {};
+    u32 ulNum = 0;
+    EXPECT_EQ(XML_GetInt(doc.Node("*/leaf"), 4, &ulNum, aul), 0u);
+    EXPECT_EQ(aul[0], 3u);
+    ulNum = sizeof(aul);
+    EXPECT_EQ(XML_GetString(doc.Node("cfg/h"), 0, &ulNum, aul), 1u);
+    EXPECT_EQ(TextsOf(cap, true), Texts{"WRN output buffer not enough! 262144 > 16 "});
+    ulNum = 2;
+    EXPECT_EQ(XML_GetIntArray(doc.Node("cfg/l"), 4, &ulNum, aul), 0u);  // each saturated, then cut
+    EXPECT_EQ(ulNum, 2u);
+    EXPECT_EQ(aul[0], 0xFFFFFFFFu);
+    EXPECT_EQ(aul[1], 0xFFFFFFFFu);
 }
 
 }  // namespace

@@ -9,8 +9,8 @@ using namespace xmltest;
 namespace {
 
 const std::string kArchive = "/tmp/arc/pack.zip";
-// Fits the 127-character unzip command exactly with kArchive.
-const std::string kLongestMember = std::string(75, 'm') + ".xml";
+// With kArchive this fills the 127 characters of the unzip command exactly.
+const std::string kLongest = std::string(75, 'm') + ".xml";
 
 class XmlZipTest : public XmlTest {
 protected:
@@ -19,21 +19,22 @@ protected:
         XmlTest::SetUp();
         if (IsSkipped())
             return;
-        IBP_SKIP_IF_CLONE_VM_UNSUPPORTED();
+        IBP_SKIP_IF_CLONE_VM_UNSUPPORTED();  // ISP_system clones
         ASSERT_EQ(system("mkdir -p /tmp/src/sub /tmp/arc"), 0);
-        WriteFile("/tmp/src/a.xml", WithDecl("<cfg><v>11</v></cfg>"));
-        WriteFile("/tmp/src/sub/b_1+x-y.xml", WithDecl("<cfg><v>22</v></cfg>"));
-        WriteFile("/tmp/src/bad.xml", WithDecl("<cfg><v>1</cfg>"));
-        WriteFile("/tmp/src/" + kLongestMember, WithDecl("<cfg><v>33</v></cfg>"));
-        WriteFile("/tmp/src/" + kLongestMember + "x", WithDecl("<cfg><v>44</v></cfg>"));
-        std::string cmd = "cd /tmp/src && zip -q -r " + kArchive + " a.xml sub bad.xml " + kLongestMember +
-                          " " + kLongestMember + "x";
+        std::string cmd = "cd /tmp/src && zip -q -r " + kArchive;
+        for (const auto &[name, body] : {std::pair<std::string, const char *>{"a.xml", "<cfg><v>11</v></cfg>"},
+                                         {"sub/b_1+x-y.xml", "<cfg><v>22</v></cfg>"},
+                                         {kLongest, "<cfg><v>33</v></cfg>"},
+                                         {"bad.xml", "<cfg><v>1</cfg>"}}) {
+            WriteFile("/tmp/src/" + name, WithDecl(body));
+            cmd += " " + name;
+        }
         ASSERT_EQ(system(cmd.c_str()), 0) << "the zip program is needed: " << cmd;
     }
 };
 
-// Opens a member, reads cfg/v and checks the temporary file is gone.
-s32 ReadMember(const std::string &member, const std::string &archive = kArchive)
+// Opens a member and reads cfg/v, -1 when the open fails; the temporary file must be gone either way.
+s32 ReadMember(const std::string &member, const std::string &archive)
 {
     XML_HANDLE h = XML_Init(member.c_str(), archive.c_str());
     EXPECT_FALSE(Exists("/tmp/" + member)) << "temporary file left behind";
@@ -49,77 +50,49 @@ s32 ReadMember(const std::string &member, const std::string &archive = kArchive)
 
 TEST_F(XmlZipTest, ReadsMembersAndRemovesTheTemporaryFile)
 {
-    ibptest::LogCapture cap;
-    EXPECT_EQ(ReadMember("a.xml"), 11);
-    EXPECT_EQ(ReadMember("sub/b_1+x-y.xml"), 22);
-    EXPECT_EQ(ReadMember(kLongestMember), 33);
-    EXPECT_TRUE(cap.Records().empty()) << cap.Dump();
-
-    // A stale file of the member's name is overwritten, then removed.
-    WriteFile("/tmp/a.xml", WithDecl("<cfg><v>99</v></cfg>"));
-    EXPECT_EQ(ReadMember("a.xml"), 11);
-
-    ASSERT_EQ(system(("cp " + kArchive + " /tmp/arc/Pack-2_v.1+x.zip").c_str()), 0);
-    EXPECT_EQ(ReadMember("a.xml", "/tmp/arc/Pack-2_v.1+x.zip"), 11);
-}
-
-TEST_F(XmlZipTest, FailuresRemoveTheTemporaryFile)
-{
-    ibptest::LogCapture cap;
-    EXPECT_EQ(ReadMember("bad.xml"), -1);
-    EXPECT_LOG(cap, "ERR", "BP", "mxmlLoadFile fail");
-    EXPECT_LOG(cap, "ERR", "BP", "xml init bad.xml fail!");
-
-    cap.Clear();
-    EXPECT_EQ(ReadMember("missing.xml"), -1);
-    auto recs = cap.Records();
-    ASSERT_EQ(recs.size(), 2u) << cap.Dump();
-    EXPECT_EQ(recs[0].text, "fopen file /tmp/missing.xml fail");
-    EXPECT_EQ(recs[1].text, "xml init missing.xml fail!");
-
-    cap.Clear();
-    EXPECT_EQ(ReadMember("a.xml", "/tmp/arc/none.zip"), -1);
-    EXPECT_LOG(cap, "ERR", "BP", "fopen file /tmp/a.xml fail");
-
-    // One character more than the command holds is refused, not cut.
-    cap.Clear();
-    EXPECT_EQ(ReadMember(kLongestMember + "x"), -1);
-    EXPECT_EQ(cap.CountPrefix("unzip command for " + kLongestMember + "x in " + kArchive + " too long"), 1u)
-        << cap.Dump();
+    const std::string kTooLong = kLongest + "x";  // refused rather than cut
+    const struct {
+        std::string member, archive;
+        s32 value;
+        Texts records;
+    } cases[] = {
+        {"a.xml", kArchive, 11, {}},
+        {"sub/b_1+x-y.xml", kArchive, 22, {}},
+        {kLongest, kArchive, 33, {}},
+        {"bad.xml", kArchive, -1, {"mxmlLoadFile fail", "xml init bad.xml fail!"}},
+        {"missing.xml", kArchive, -1, {"fopen file /tmp/missing.xml fail", "xml init missing.xml fail!"}},
+        {"a.xml", "/tmp/arc/none.zip", -1, {"fopen file /tmp/a.xml fail", "xml init a.xml fail!"}},
+        {kTooLong, kArchive, -1,
+         {"unzip command for " + kTooLong + " in " + kArchive + " too long", "xml init " + kTooLong + " fail!"}},
+    };
+    WriteFile("/tmp/a.xml", WithDecl("<cfg><v>99</v></cfg>"));  // stale: overwritten, then removed
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.member + " in " + c.archive);
+        ibptest::LogCapture cap;
+        EXPECT_EQ(ReadMember(c.member, c.archive), c.value);
+        EXPECT_EQ(TextsOf(cap), c.records);
+    }
 }
 
 // Names are refused before anything runs, so this needs no child process.
 TEST(XmlZipNames, NamesTheShellWouldInterpretAreRefused)
 {
     IBP_REQUIRE_ISOLATION();
-    ibptest::LogCapture cap;
-    struct Case {
-        const char *member;
-        const char *archive;
+    const std::pair<const char *, const char *> cases[] = {
+        {"a.xml;touch /tmp/pwned", "/tmp/p.zip"}, {"$(touch /tmp/pwned)", "/tmp/p.zip"},
+        {"a.xml", "/tmp/p.zip|touch /tmp/pwned"}, {"a.xml", "`touch /tmp/pwned`"},
+        {"a.xml&&touch${IFS}/tmp/pwned", "/tmp/p.zip"}, {"a xml", "/tmp/p.zip"},
+        {"*.xml", "/tmp/p.zip"}, {"-x.xml", "/tmp/p.zip"}, {"a.xml", "-d"},
+        {"", "/tmp/p.zip"}, {"a.xml", ""}, {"sub/../../a.xml", "/tmp/p.zip"}, {"sub/", "/tmp/p.zip"},
     };
-    const Case cases[] = {
-        {"a.xml;touch /tmp/pwned", "/tmp/arc/pack.zip"},
-        {"$(touch /tmp/pwned)", "/tmp/arc/pack.zip"},
-        {"a.xml", "/tmp/arc/pack.zip|touch /tmp/pwned"},
-        {"a.xml", "`touch /tmp/pwned`"},
-        {"a xml", "/tmp/arc/pack.zip"},
-        {"a.xml&&touch${IFS}/tmp/pwned", "/tmp/arc/pack.zip"},
-        {"*.xml", "/tmp/arc/pack.zip"},
-        {"-x.xml", "/tmp/arc/pack.zip"},
-        {"a.xml", "-d"},
-        {"", "/tmp/arc/pack.zip"},
-        {"a.xml", ""},
-        {"../etc/a.xml", "/tmp/arc/pack.zip"},
-        {"sub/../../a.xml", "/tmp/arc/pack.zip"},
-        {"sub/", "/tmp/arc/pack.zip"},
-    };
-    for (const Case &c : cases) {
-        cap.Clear();
-        EXPECT_EQ(XML_Init(c.member, c.archive), nullptr) << c.member << " in " << c.archive;
-        auto recs = cap.Records();
-        ASSERT_EQ(recs.size(), 2u) << cap.Dump();
-        EXPECT_EQ(recs[0].text.rfind("refuse file name ", 0), 0u) << recs[0].text;
-        EXPECT_EQ(recs[1].text, std::string("xml init ") + c.member + " fail!");
+    for (const auto &[member, archive] : cases) {
+        SCOPED_TRACE(std::string(member) + " in " + archive);
+        ibptest::LogCapture cap;
+        EXPECT_EQ(XML_Init(member, archive), nullptr);
+        const Texts texts = TextsOf(cap);
+        ASSERT_EQ(texts.size(), 2u) << cap.Dump();
+        EXPECT_EQ(texts[0].rfind("refuse file name ", 0), 0u) << texts[0];
+        EXPECT_EQ(texts[1], std::string("xml init ") + member + " fail!");
     }
     EXPECT_FALSE(Exists("/tmp/pwned"));
 }

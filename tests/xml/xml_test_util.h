@@ -1,5 +1,4 @@
-// Files and open documents for the XML tests; everything lives in the
-// test's private /tmp.
+// Files and open documents for the XML tests; everything lives in the test's private /tmp.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -7,12 +6,15 @@
 
 #include <cstdio>
 #include <string>
+#include <vector>
 
 #include "harness/log_capture.h"
 #include "harness/test_env.h"
 #include "ibp/isp_xml.h"
 
 namespace xmltest {
+
+using Texts = std::vector<std::string>;
 
 inline void WriteFile(const std::string &path, const std::string &data)
 {
@@ -28,18 +30,23 @@ inline bool Exists(const std::string &path)
     return lstat(path.c_str(), &st) == 0;
 }
 
-inline std::string WithDecl(const std::string &body)
+inline std::string WithDecl(const std::string &body) { return "<?xml version=\"1.0\"?>\n" + body + "\n"; }
+
+// The texts of all captured records in order, each after its level name if asked.
+inline Texts TextsOf(const ibptest::LogCapture &cap, bool bLevel = false)
 {
-    return "<?xml version=\"1.0\"?>\n" + body + "\n";
+    Texts out;
+    for (const auto &rec : cap.Records())
+        out.push_back(bLevel ? rec.level + " " + rec.text : rec.text);
+    return out;
 }
 
 // A document of the given body, opened from /tmp/t.xml, closed at scope end.
-class Doc {
-public:
-    explicit Doc(const std::string &body, const std::string &path = "/tmp/t.xml")
+struct Doc {
+    explicit Doc(const std::string &body)
     {
-        WriteFile(path, WithDecl(body));
-        h = XML_InitLensFile(path.c_str());
+        WriteFile("/tmp/t.xml", WithDecl(body));
+        h = XML_InitLensFile("/tmp/t.xml");
     }
     ~Doc()
     {
@@ -48,8 +55,7 @@ public:
     }
     Doc(const Doc &) = delete;
     Doc &operator=(const Doc &) = delete;
-    XML_NODE Node(const char *path) const { return XML_GetNodeset(h, path); }
-
+    XML_NODE Node(const std::string &path) const { return XML_GetNodeset(h, path.c_str()); }
     XML_HANDLE h = nullptr;
 };
 
