@@ -11,6 +11,13 @@ extern "C" __attribute__((visibility("default"), used)) const char *__asan_defau
     return "allocator_may_return_null=1";
 }
 
+// Tests ask for impossible sizes to see the failure path; the thread
+// sanitizer's allocator must fail them too instead of aborting.
+extern "C" __attribute__((visibility("default"), used)) const char *__tsan_default_options()
+{
+    return "allocator_may_return_null=1";
+}
+
 int main(int argc, char **argv)
 {
     testing::InitGoogleTest(&argc, argv);

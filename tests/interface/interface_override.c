@@ -10,10 +10,7 @@
 #include "ibp/isp_interface.h"
 #include "ibp/isp_log.h"
 
-typedef u32 (*ANY_PFN)();
-
-static u32 gulOwnCalls;
-static u32 gulRecords;
+static u32 gulOwnCalls, gulRecords;
 static char gszRecord[1024];
 static int gFailures;
 
@@ -31,38 +28,26 @@ static s32 CaptureRecord(const char *pcText)
     return 0;
 }
 
-#define CHECK(cond)                                                               \
-    do {                                                                          \
-        if (!(cond)) {                                                            \
-            fprintf(stderr, "%s:%d: failed: %s\n", __FILE__, __LINE__, #cond);   \
-            gFailures++;                                                          \
-        }                                                                         \
+#define CHECK(cond)                                                             \
+    do {                                                                        \
+        if (!(cond)) {                                                          \
+            fprintf(stderr, "%s:%d: failed: %s\n", __FILE__, __LINE__, #cond); \
+            gFailures++;                                                        \
+        }                                                                       \
     } while (0)
 
-/* Since the last reset exactly one record came in: "func entry", info, BP,
+/* Exactly one record came in since the last call: "func entry", info, BP,
  * from isp_interface, naming the default pcFunc. */
 static int OneEntryRecord(const char *pcFunc)
 {
     char szTail[128];
     snprintf(szTail, sizeof(szTail), "@%-24s [INF][BP]func entry\n", pcFunc);
-    size_t ulLen = strlen(gszRecord);
-    size_t ulTail = strlen(szTail);
-    return gulRecords == 1 && ulLen > 24 + ulTail &&
-           strncmp(gszRecord + 24, "isp_interface-", 14) == 0 &&
-           strcmp(gszRecord + ulLen - ulTail, szTail) == 0;
-}
-
-static void ResetRecords(void)
-{
+    size_t ulLen = strlen(gszRecord), ulTail = strlen(szTail);
+    int ok = gulRecords == 1 && ulLen > 24 + ulTail && strncmp(gszRecord + 24, "isp_interface-", 14) == 0 &&
+             strcmp(gszRecord + ulLen - ulTail, szTail) == 0;
     gulRecords = 0;
     gszRecord[0] = '\0';
-}
-
-static ANY_PFN ToFunction(void *pvSym)
-{
-    ANY_PFN pfn;
-    memcpy(&pfn, &pvSym, sizeof(pfn));
-    return pfn;
+    return ok;
 }
 
 int main(void)
@@ -71,52 +56,23 @@ int main(void)
     memset(&stInit, 0, sizeof(stInit));
     stInit.ulOutputMode = LOG_OUTPUT_FUNC;
     stInit.pfnOutput = CaptureRecord;
-    if (IBP_LOG_Init(&stInit) != 0) {
-        fprintf(stderr, "log init failed\n");
-        return 1;
-    }
-    ResetRecords();
+    CHECK(IBP_LOG_Init(&stInit) == 0);
+    gulRecords = 0;
 
-    /* The program's own function, no default record. */
-    CHECK(ISP_ZoomIn(5u) == 0x105u);
-    CHECK(gulOwnCalls == 1);
-    CHECK(gulRecords == 0);
-
-    /* The underscore name still reaches the default. */
-    ResetRecords();
-    CHECK(_ISP_ZoomIn(5u) == ISP_DEFAULT_ERROR);
+    CHECK(ISP_ZoomIn(5u) == 0x105u); /* the program's own function, no default record */
+    CHECK(gulOwnCalls == 1 && gulRecords == 0);
+    CHECK(_ISP_ZoomIn(5u) == ISP_DEFAULT_ERROR); /* the underscore name still reaches the default */
     CHECK(OneEntryRecord("_ISP_ZoomIn"));
-    CHECK(gulOwnCalls == 1);
-
-    /* An entry point not defined here keeps its default, whatever is passed. */
-    ResetRecords();
-    CHECK(ISP_ZoomOut(5u, "far", 2.5) == ISP_DEFAULT_ERROR);
+    CHECK(ISP_ZoomOut(5u, "far", 2.5) == ISP_DEFAULT_ERROR); /* not defined here: the default */
     CHECK(OneEntryRecord("_ISP_ZoomOut"));
-    ResetRecords();
-    CHECK(ISP_Load() == 0u);
-    CHECK(OneEntryRecord("_ISP_Load"));
-
-    /* The loader binds the plain name to this program for everyone... */
-    void *pvOwn = dlsym(RTLD_DEFAULT, "ISP_ZoomIn");
-    CHECK(pvOwn != NULL && ToFunction(pvOwn) == (ANY_PFN)ISP_ZoomIn);
-    CHECK(pvOwn != dlsym(RTLD_DEFAULT, "_ISP_ZoomIn"));
-    CHECK(dlsym(RTLD_DEFAULT, "ISP_ZoomOut") == dlsym(RTLD_DEFAULT, "_ISP_ZoomOut"));
-
-    /* ...while the library still holds its weak alias at the default. */
-    void *pvLib = dlopen("libibp.so.0", RTLD_NOW | RTLD_NOLOAD);
-    CHECK(pvLib != NULL);
-    if (pvLib != NULL) {
-        void *pvAlias = dlsym(pvLib, "ISP_ZoomIn");
-        CHECK(pvAlias != NULL && pvAlias == dlsym(pvLib, "_ISP_ZoomIn"));
-        CHECK(pvAlias != pvOwn);
-        if (pvAlias != NULL) {
-            ResetRecords();
-            CHECK(ToFunction(pvAlias)(5u) == ISP_DEFAULT_ERROR);
-            CHECK(OneEntryRecord("_ISP_ZoomIn"));
-        }
-        dlclose(pvLib);
-    }
     CHECK(gulOwnCalls == 1);
+
+    /* Other objects that look the name up are bound to this program as well. */
+    void *pvOwn = dlsym(RTLD_DEFAULT, "ISP_ZoomIn");
+    u32 (*pfnOwn)(u32) = NULL;
+    memcpy(&pfnOwn, &pvOwn, sizeof(pfnOwn));
+    CHECK(pfnOwn == ISP_ZoomIn && pvOwn != dlsym(RTLD_DEFAULT, "_ISP_ZoomIn"));
+    CHECK(dlsym(RTLD_DEFAULT, "ISP_ZoomOut") == dlsym(RTLD_DEFAULT, "_ISP_ZoomOut"));
 
     IBP_LOG_Destroy();
     if (gFailures != 0) {

@@ -8,65 +8,61 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
-#include <string>
-#include <vector>
+#include <functional>
 
 #include "harness/log_capture.h"
-#include "harness/test_env.h"
-#include "ibp/isp_log.h"
 #include "ibp/isp_module.h"
 #include "ibp/isp_system.h"
 #include "runtime/module_internal.h"
 
 namespace modtest {
 
-// Stands in for the transport's process thread: it serves the process
-// module's own queue by polling, as the real one does on its idle tick.
+// Stands in for the transport's process thread: polls the process module's queue.
 inline void *PollingProcThread(void *pvModule)
 {
-    auto *pstModule = static_cast<MOD_MODULE_S *>(pvModule);
-    while (MOD_IsRunning(pstModule)) {
+    for (auto *pstModule = static_cast<MOD_MODULE_S *>(pvModule); MOD_IsRunning(pstModule); ISP_usleep(1000))
         MOD_RecvMsgProc(pstModule);
-        ISP_usleep(1000);
-    }
     return nullptr;
 }
 
-// A semaphore whose wait gives up after a generous limit, so that a broken
-// runtime fails the test instead of hanging it.
-class Signal {
-public:
-    Signal() { sem_init(&sem_, 0, 0); }
-    ~Signal() { sem_destroy(&sem_); }
-    void Post() { sem_post(&sem_); }
-    bool Wait(int iSeconds = 20)
+// A semaphore whose wait gives up after 20 s, so that a broken runtime fails
+// the test instead of hanging it.
+struct Signal {
+    sem_t sem;
+    Signal() { sem_init(&sem, 0, 0); }
+    ~Signal() { sem_destroy(&sem); }
+    void Post() { sem_post(&sem); }
+    bool Wait()
     {
         timespec ts{};
         clock_gettime(CLOCK_REALTIME, &ts);
-        ts.tv_sec += iSeconds;
-        while (sem_timedwait(&sem_, &ts) != 0) {
+        ts.tv_sec += 20;
+        while (sem_timedwait(&sem, &ts) != 0)
             if (errno != EINTR)
                 return false;
-        }
         return true;
     }
-
-private:
-    sem_t sem_;
 };
+
+// A handler whose work is a lambda, handed over as pParam.
+using Body = std::function<void(u32 ulMsgID, MSG_HANDLE hMsg)>;
+inline u32 RunBody(u32 ulMsgID, MSG_HANDLE hMsg, void *pParam)
+{
+    (*static_cast<Body *>(pParam))(ulMsgID, hMsg);
+    return 0;
+}
 
 inline u32 FreeSlots()
 {
     MOD_MODULE_CTRL_S &stCtrl = gstCurProc.stModuleCtrl;
-    MOD_SemGuard lock(&stCtrl.stLock);
+    MOD_SemGuard lock(&stCtrl.stLock);  // a thread may give its slot back meanwhile
     u32 n = 0;
     for (MOD_LIST_S *p = stCtrl.stFreeList.pstNext; p != &stCtrl.stFreeList; p = p->pstNext)
         ++n;
     return n;
 }
 
-// For what only a detached thread's end makes true: nothing to wait on, so
-// poll for at most ten seconds.
+// For what only a detached thread's end makes true: poll for at most ten seconds.
 template <typename Cond>
 bool Eventually(Cond cond)
 {
@@ -80,18 +76,8 @@ inline MSG_HANDLE MakeMsg(u32 ulMsgID, u32 ulDstModuleID, u32 ulSeq = 0, u32 ulT
                           u32 ulAssMsgID = 0, u32 ulDstProcID = MOD_PROC_ID_ISP)
 {
     MSG_HANDLE hMsg = MSG_Create(&ulSeq, sizeof(ulSeq));
-    auto *pstHdr = static_cast<MSG_HDR_S *>(hMsg->pMem);
-    memset(pstHdr, 0, MSG_HDR_LEN);
-    pstHdr->ulPrefix = MSG_PREFIX;
-    pstHdr->enMsgType = ulType;
-    pstHdr->ulMsgID = ulMsgID;
-    pstHdr->ulAssMsgID = ulAssMsgID;
-    pstHdr->ulMsgLen = MSG_HDR_LEN + sizeof(ulSeq);
-    pstHdr->ulMsgBodyLen = sizeof(ulSeq);
-    pstHdr->ulSrcModuleID = MOD_PROC_MODULE_ID;
-    pstHdr->ulDstModuleID = ulDstModuleID;
-    pstHdr->ulSrcProcID = MOD_PROC_ID_ISP;
-    pstHdr->ulDstProcID = ulDstProcID;
+    *static_cast<MSG_HDR_S *>(hMsg->pMem) = {MSG_PREFIX, ulType, ulMsgID, ulAssMsgID, MSG_HDR_LEN + 4, 4,
+                                             MOD_PROC_MODULE_ID, ulDstModuleID, MOD_PROC_ID_ISP, ulDstProcID, 0, 0, 0};
     return hMsg;
 }
 
@@ -106,7 +92,6 @@ inline u32 BodyWord(MSG_HANDLE hMsg)
 // test leaves registered is unregistered before the log capture ends.
 class ServiceProcess : public ::testing::Test {
 protected:
-    explicit ServiceProcess(u32 ulLogLevel = 0) : cap_(ulLogLevel) {}
     void SetUp() override
     {
         strcpy(gstCurProc.szProcName, "ISP");
@@ -117,9 +102,9 @@ protected:
     }
     void TearDown() override
     {
-        MOD_MODULE_CTRL_S &stCtrl = gstCurProc.stModuleCtrl;
-        while (!MOD_ListEmpty(&stCtrl.stUsedList))
-            ASSERT_EQ(MOD_UnregModule(MOD_ListEntry(stCtrl.stUsedList.pstNext, &MOD_MODULE_S::stNode)->ulModuleID), 0u);
+        MOD_LIST_S &stUsed = gstCurProc.stModuleCtrl.stUsedList;
+        while (!MOD_ListEmpty(&stUsed))
+            ASSERT_EQ(MOD_UnregModule(MOD_ListEntry(stUsed.pstNext, &MOD_MODULE_S::stNode)->ulModuleID), 0u);
         EXPECT_EQ(FreeSlots(), MOD_MAX_MODULE_NUM);
         MOD_SetRemoteSendQueue(nullptr);
     }

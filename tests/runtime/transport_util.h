@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -20,21 +21,13 @@ namespace ibptest {
 using Bytes = std::vector<u8>;
 
 // A message block as it travels, header and body.
-inline Bytes MakeBlock(u32 ulType, u32 ulMsgID, u32 ulSrcModule, u32 ulDstModule, u32 ulSrcProc,
-                       u32 ulDstProc, const std::string &body, u32 ulAssMsgID = 0)
+inline Bytes MakeBlock(u32 ulType, u32 ulMsgID, u32 ulSrcModule, u32 ulDstModule, u32 ulSrcProc, u32 ulDstProc,
+                       const std::string &body, u32 ulAssMsgID = 0)
 {
-    MSG_HDR_S hdr{};
-    hdr.ulPrefix = MSG_PREFIX;
-    hdr.enMsgType = ulType;
-    hdr.ulMsgID = ulMsgID;
-    hdr.ulAssMsgID = ulAssMsgID;
-    hdr.ulMsgLen = static_cast<u32>(MSG_HDR_LEN + body.size());
-    hdr.ulMsgBodyLen = static_cast<u32>(body.size());
-    hdr.ulSrcModuleID = ulSrcModule;
-    hdr.ulDstModuleID = ulDstModule;
-    hdr.ulSrcProcID = ulSrcProc;
-    hdr.ulDstProcID = ulDstProc;
-    Bytes b(reinterpret_cast<u8 *>(&hdr), reinterpret_cast<u8 *>(&hdr) + sizeof(hdr));
+    const u32 ulLen = static_cast<u32>(body.size());
+    const MSG_HDR_S hdr = {MSG_PREFIX, ulType,      ulMsgID,   ulAssMsgID, MSG_HDR_LEN + ulLen, ulLen, ulSrcModule,
+                           ulDstModule, ulSrcProc, ulDstProc, 0,          0,                   0};
+    Bytes b(reinterpret_cast<const u8 *>(&hdr), reinterpret_cast<const u8 *>(&hdr + 1));
     b.insert(b.end(), body.begin(), body.end());
     return b;
 }
@@ -54,19 +47,14 @@ inline Bytes operator+(Bytes a, const Bytes &b)
 // A plain UDP socket on 127.0.0.1 that stands in for the other process.
 class RawPeer {
 public:
-    explicit RawPeer(u16 usPort)
+    explicit RawPeer(u16 usPort) : fd_(socket(AF_INET, SOCK_DGRAM, 0))
     {
-        fd_ = socket(AF_INET, SOCK_DGRAM, 0);
         sockaddr_in a = Addr(usPort);
         bound_ = fd_ >= 0 && bind(fd_, reinterpret_cast<sockaddr *>(&a), sizeof(a)) == 0;
         timeval tv{5, 0};  // a safety bound only: nothing waits this long when all is well
         setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
     }
-    ~RawPeer()
-    {
-        if (fd_ >= 0)
-            close(fd_);
-    }
+    ~RawPeer() { close(fd_); }
     bool Bound() const { return bound_; }
     bool SendTo(u16 usPort, const Bytes &b) const
     {
@@ -77,8 +65,7 @@ public:
     Bytes Recv() const
     {
         Bytes b(8192);
-        ssize_t n = recv(fd_, b.data(), b.size(), 0);
-        b.resize(n > 0 ? static_cast<size_t>(n) : 0);
+        b.resize(std::max<ssize_t>(recv(fd_, b.data(), b.size(), 0), 0));
         return b;
     }
 
@@ -91,75 +78,67 @@ private:
         a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         return a;
     }
-    int fd_ = -1;
+    int fd_;
     bool bound_ = false;
 };
 
-// Catch-all handler that records what a module receives and, for synchronous
-// requests, answers with an echo of the body.
-class Recorder {
-public:
+// Catch-all handler that records what a module receives, answers synchronous
+// requests with an echo of the body and forwards a clone of one message id.
+struct Recorder {
     struct Msg {
         MSG_HDR_S hdr;
         std::string body;
     };
+    u32 ulForwardID = 0, ulForwardTo = 0;  // set before the first message comes
+
     Recorder() { sem_init(&sem_, 0, 0); }
     ~Recorder() { sem_destroy(&sem_); }
-
     static u32 Handle(u32, MSG_HANDLE hMsg, void *pParam)
     {
         auto *self = static_cast<Recorder *>(pParam);
         void *pBody = nullptr;
         u32 ulLen = 0;
         MSG_Decode(hMsg, &pBody, &ulLen);
-        Msg m{*static_cast<MSG_HDR_S *>(hMsg->pMem), std::string(static_cast<char *>(pBody), ulLen)};
-        if (m.hdr.enMsgType == MSG_TYPE_SYNC_REQ && self->echo_)
-            ISP_SendAckMsg(hMsg, pBody, ulLen);
-        if (self->forwardTo_ != 0 && m.hdr.ulMsgID == self->forwardID_)
-            MSG_ForwardMsg(self->forwardTo_, MSG_Clone(hMsg));
-        {
+        const MSG_HDR_S hdr = *static_cast<MSG_HDR_S *>(hMsg->pMem);
+        {  // recorded before answering, so that whoever got the answer finds the record
             std::lock_guard<std::mutex> lock(self->mu_);
-            self->msgs_.push_back(m);
+            self->msgs_.push_back({hdr, std::string(static_cast<char *>(pBody), ulLen)});
         }
         sem_post(&self->sem_);
+        if (hdr.enMsgType == MSG_TYPE_SYNC_REQ)
+            ISP_SendAckMsg(hMsg, pBody, ulLen);
+        if (self->ulForwardTo != 0 && hdr.ulMsgID == self->ulForwardID)
+            MSG_ForwardMsg(self->ulForwardTo, MSG_Clone(hMsg));
         return 0;
     }
     // Waits (at most 5 s, a safety bound) until n messages have arrived in all.
     bool WaitFor(size_t n)
     {
-        while (Count() < n) {
-            timespec ts;
-            clock_gettime(CLOCK_REALTIME, &ts);
-            ts.tv_sec += 5;
+        timespec ts;
+        clock_gettime(CLOCK_REALTIME, &ts);
+        ts.tv_sec += 5;
+        while (Msgs().size() < n)
             if (sem_timedwait(&sem_, &ts) != 0 && errno == ETIMEDOUT)
-                return Count() >= n;
-        }
+                return false;
         return true;
-    }
-    size_t Count()
-    {
-        std::lock_guard<std::mutex> lock(mu_);
-        return msgs_.size();
     }
     std::vector<Msg> Msgs()
     {
         std::lock_guard<std::mutex> lock(mu_);
         return msgs_;
     }
-    void Echo(bool b) { echo_ = b; }
-    void Forward(u32 ulMsgID, u32 ulTo)
+    std::vector<std::string> Bodies()
     {
-        forwardID_ = ulMsgID;
-        forwardTo_ = ulTo;
+        std::vector<std::string> v;
+        for (const Msg &m : Msgs())
+            v.push_back(m.body);
+        return v;
     }
 
 private:
     sem_t sem_;
     std::mutex mu_;
     std::vector<Msg> msgs_;
-    bool echo_ = true;
-    u32 forwardID_ = 0;
-    u32 forwardTo_ = 0;
 };
 
 inline IBP_INIT_S StartRecord(u32 bIsDt, LOG_OUTPUT_PFN pfnOutput, u32 ulLevel = 0)
