@@ -30,6 +30,11 @@ check-armhf: setup
 tsan: setup
 	@scripts/check.sh $(BUILD) tsan
 
+# Release build of the benchmarks and one table of figures next to their
+# floors (bench/README.md); builds in $(BUILD)/bench and $(BUILD)/bench-armhf.
+bench: setup
+	@JOBS=$(JOBS) scripts/bench.sh $(BUILD)
+
 install: build
 	$(CMAKE) --install $(BUILD)/release
 

@@ -125,7 +125,8 @@ void CBufAdvanceTail(CBUF_S *pstCBuf, u32 ulNum)
 {
     u32 ulOldTail = pstCBuf->ulTailPos;
     pstCBuf->ulTailPos = (ulOldTail + ulNum) & CBufMask(pstCBuf);
-    CBufReadCallBack(pstCBuf, ulOldTail, pstCBuf->ulTailPos);
+    if (pstCBuf->pfnRead != nullptr)  // most buffers have none: keep the copy path short
+        CBufReadCallBack(pstCBuf, ulOldTail, pstCBuf->ulTailPos);
 }
 
 // Moves H over ulNum elements and announces them to the write callback.
@@ -133,7 +134,8 @@ void CBufAdvanceHead(CBUF_S *pstCBuf, u32 ulNum)
 {
     u32 ulOldHead = pstCBuf->ulHeadPos;
     pstCBuf->ulHeadPos = (ulOldHead + ulNum) & CBufMask(pstCBuf);
-    CBufWriteCallBack(pstCBuf, ulOldHead, pstCBuf->ulHeadPos);
+    if (pstCBuf->pfnWrite != nullptr)
+        CBufWriteCallBack(pstCBuf, ulOldHead, pstCBuf->ulHeadPos);
 }
 
 }  // namespace

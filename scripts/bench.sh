@@ -1,0 +1,126 @@
+#!/usr/bin/env bash
+# bench.sh [BUILD_ROOT]
+# Release build of the library and the benchmarks (BUILD_ROOT/bench), release
+# build of the armhf library (BUILD_ROOT/bench-armhf), then every figure next
+# to its floor measured in the same run, printed as one table:
+#   figure: value (floor, ratio)  goal and notes
+# The runs that bind 127.0.0.1:7001/7002 or write /var/log go into a private
+# network and mount namespace (loopback up, fresh tmpfs on /var/log, /tmp,
+# /run), so they never meet anything on the host. bench/README.md explains the
+# figures.
+set -uo pipefail
+
+masked="/var/log /tmp /run"
+
+# ------------------------------------------------------------ inside the namespace
+if [ "${1:-}" = --inside ]; then
+    dir=$2 rows=$3
+    ip link set lo up || exit 97
+    for d in $masked; do
+        [ -L "$d" ] && continue
+        mkdir -p "$d" && mount -t tmpfs -o mode=1777 ibp-bench "$d" || exit 97
+    done
+    export IBP_BENCH_ISOLATED=1
+    gb=(--benchmark_repetitions=5 --benchmark_enable_random_interleaving=true
+        --benchmark_min_time=0.2 --benchmark_out_format=json)
+
+    echo "== circular buffer" >&2
+    "$dir/bench/bench_circbuf" "${gb[@]}" --benchmark_out="$dir/circbuf.json" \
+        --benchmark_filter='BM_CircBufWriteRead|BM_MemcpyLock' >"$dir/bench_circbuf.log" 2>&1 &&
+    jq -r '
+        [.benchmarks[] | select(.aggregate_name == "median")] as $m
+        | def med($n): ($m[] | select(.name == $n + "_median") | .bytes_per_second);
+          [64, 1024, 4096][] as $k
+        | med("BM_CircBufWriteRead/\($k)") as $v
+        | med("BM_MemcpyLockWriteRead/\($k)") as $f
+        | med("BM_MemcpyLock2WriteRead/\($k)") as $f2
+        | ($v / $f) as $r
+        | "ROW\t5 CBUF_Write+CBUF_Read \($k) B\t\($v / 1e9 * 100 | round / 100) GB/s"
+          + "\t2 memcpy + lock/unlock \($f / 1e9 * 100 | round / 100) GB/s\t\($r * 100 | round / 100)"
+          + "\t" + (if $k < 1024 then "no goal below 1 KiB"
+                    elif $r >= 0.8 then "goal >=0.80: met" else "goal >=0.80: MISSED" end)
+          + "; median of 5; with a lock per copy: \($f2 / 1e9 * 100 | round / 100) GB/s (\($v / $f2 * 100 | round / 100))"
+        ' "$dir/circbuf.json" >>"$rows" || echo "ROW	5 circular buffer	FAILED	-	-	see $dir/bench_circbuf.log" >>"$rows"
+
+    echo "== log" >&2
+    "$dir/bench/bench_log" "${gb[@]}" --benchmark_out="$dir/log.json" >"$dir/bench_log.log" 2>&1 &&
+    jq -r '
+        [.benchmarks[] | select(.aggregate_name == "median")] as $m
+        | def med($n): ($m[] | select(.name == $n + "_median"));
+          med("BM_LogFiltered").cpu_time as $v
+        | med("BM_FloorFiltered").cpu_time as $f
+        | med("BM_LogFileRecord").items_per_second as $w
+        | med("BM_FloorFileRecord").items_per_second as $g
+        | med("BM_StdioFileRecord").items_per_second as $s
+        | med("BM_LogFileRecord").record_bytes as $b
+        | "ROW\t4 log filtered LOG_Pirnt\t\($v * 10 | round / 10) ns/call"
+          + "\tbare threshold check \($f * 10 | round / 10) ns\t\($v / $f * 100 | round / 100)"
+          + "\tgoal <=2.00: " + (if $v / $f <= 2 then "met" else "MISSED" end) + "; median of 5, CPU time",
+          "ROW\t4 log record to file (tmpfs)\t\($w / 1000 | round) k rec/s"
+          + "\topen+append+write+close \($g / 1000 | round) k rec/s\t\($w / $g * 100 | round / 100)"
+          + "\tgoal >=0.70: " + (if $w / $g >= 0.7 then "met" else "MISSED" end)
+          + "; \($b) B records, rotation at 256 KiB included; the same record through"
+          + " fopen+fputs+ftell+fclose: \($s / 1000 | round) k rec/s (\($s / $g * 100 | round / 100))"
+        ' "$dir/log.json" >>"$rows" || echo "ROW	4 log	FAILED	-	-	see $dir/bench_log.log" >>"$rows"
+
+    for prog in bench_msg_local bench_msg_ipc bench_idle; do
+        echo "== $prog" >&2
+        "$dir/bench/$prog" 2>"$dir/$prog.log" | grep '^ROW' >>"$rows" ||
+            echo "ROW	$prog	FAILED	-	-	see $dir/$prog.log" >>"$rows"
+    done
+    exit 0
+fi
+
+# ------------------------------------------------------------------ outside
+start=$(date +%s)
+root=${1:-build}
+jobs=${JOBS:-2}
+src=$(cd "$(dirname "$0")/.." && pwd)
+mkdir -p "$root"
+root=$(cd "$root" && pwd)
+dir=$root/bench arm=$root/bench-armhf
+rows=$dir/bench.rows
+
+build() {  # dir, what, cmake options...
+    local d=$1 what=$2; shift 2
+    echo "== build $what ($d)" >&2
+    if ! { cmake -S "$src" -B "$d" -DCMAKE_BUILD_TYPE=Release -DIBP_BUILD_TESTS=OFF -DIBP_BUILD_APPS=OFF "$@" \
+               >"$d.configure.log" 2>&1 &&
+           cmake --build "$d" -j "$jobs" ${target:+--target "$target"} >"$d.build.log" 2>&1; }; then
+        grep -hE 'error|Error' "$d.configure.log" "$d.build.log" | head -n 30 >&2
+        echo "bench: build of $what FAILED (see $d.build.log)" >&2
+        exit 1
+    fi
+}
+target='' build "$dir" "x86-64 library and benchmarks" -DIBP_BUILD_BENCH=ON
+target=ibp build "$arm" "armhf library" -DCMAKE_TOOLCHAIN_FILE="$src/cmake/toolchain-armhf.cmake"
+
+: >"$rows"
+kib() { echo "$(( ($(stat -c %s "$1") + 1023) / 1024 ))"; }
+strip -o "$dir/libibp.stripped.so" "$dir/libibp.so"
+arm-linux-gnueabihf-strip -o "$arm/libibp.stripped.so" "$arm/libibp.so"
+x86=$(kib "$dir/libibp.stripped.so") armk=$(kib "$arm/libibp.stripped.so")
+printf 'ROW\t6 libibp.so stripped, x86-64\t%s KiB\t-\t-\tRelease\n' "$x86" >>"$rows"
+awk -v k="$armk" 'BEGIN { printf "ROW\t6 libibp.so stripped, armhf\t%d KiB\tgoal 256 KiB\t%.2f\tgoal <=256 KiB: %s\n",
+    k, k / 256, (k <= 256 ? "met" : "MISSED") }' >>"$rows"
+
+why=""
+for d in $masked; do
+    case "$dir/" in "$d"/*) why="the build tree lies under $d, which the namespace replaces" ;; esac
+done
+if [ -z "$why" ] && ! why=$(unshare --net --mount --propagation private true 2>&1); then
+    why="unshare --net --mount failed: ${why:-unknown reason}"
+else
+    why=${why:-}
+fi
+if [ -z "$why" ]; then
+    unshare --net --mount --propagation private "$0" --inside "$dir" "$rows" || echo "bench: the runs in the namespace failed" >&2
+else
+    echo "bench: only the footprint was measured; the runs need a private namespace: $why" >&2
+fi
+
+echo
+echo "ibp benchmarks, $(date -u '+%Y-%m-%d %H:%M UTC'), $(nproc) cores, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ //'), $(uname -sr)"
+sort -t$'\t' -s -k2.1,2.1 "$rows" | awk -F'\t' '$1 == "ROW" {
+    printf "%-44s %s (%s, %s)  %s\n", $2 ":", $3, $4, $5, $6 }' | tee "$dir/bench.table"
+echo "(whole run $(( $(date +%s) - start )) s; details in $dir/*.log)"
