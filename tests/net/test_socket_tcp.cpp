@@ -8,7 +8,6 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/ioctl.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
@@ -25,14 +24,13 @@ constexpr u16 kPort = 7101;
 constexpr u32 kCreated = SKT_STATUS_CREATED, kConnecting = SKT_STATUS_CONNECTING,
               kListening = SKT_STATUS_LISTENING, kConnected = SKT_STATUS_CONNECTED, kClosed = SKT_STATUS_CLOSED;
 
-SKT_SOCK_INFO_S TcpInfo(u32 enRole, s32 lTimeOut = 5000, u16 usPort = kPort, u32 ulBufSize = 0)
-{
-    const u32 ulIp = inet_addr("127.0.0.1");
-    return {0x90000002, enRole, ulIp, htons(usPort), ulIp, htons(usPort), ulBufSize, ulBufSize, 5, lTimeOut};
-}
-
 struct Tcp {  // destroyed at the end of the test unless the test did
-    explicit Tcp(const SKT_SOCK_INFO_S &stInfo) : h(SKT_TcpInit(&stInfo)) {}
+    explicit Tcp(u32 enRole, s32 lTimeOut = 5000, u16 usPort = kPort, u32 ulBufSize = 0)
+    {
+        const u32 ulIp = inet_addr("127.0.0.1");
+        const SKT_SOCK_INFO_S stInfo = {0x90000002, enRole, ulIp, htons(usPort), ulIp, htons(usPort), ulBufSize, ulBufSize, 5, lTimeOut};
+        h = SKT_TcpInit(&stInfo);
+    }
     ~Tcp() { Close(); }
     void Close() { if (h != nullptr) SKT_TcpDestroy(&h); h = nullptr; }
     SKT_HANDLE h;
@@ -41,7 +39,7 @@ struct Tcp {  // destroyed at the end of the test unless the test did
 // A client and a server connected through SKT_TcpConnect.
 struct Pair {
     explicit Pair(s32 lTimeOut = 5000, u32 ulBufSize = 0)
-        : srv(TcpInfo(SKT_ROLE_SERVER, lTimeOut, kPort, ulBufSize)), cli(TcpInfo(SKT_ROLE_CLIENT, lTimeOut, kPort, ulBufSize))
+        : srv(SKT_ROLE_SERVER, lTimeOut, kPort, ulBufSize), cli(SKT_ROLE_CLIENT, lTimeOut, kPort, ulBufSize)
     {
         if (srv.h != nullptr && cli.h != nullptr && (SKT_TcpConnect(cli.h) == 0 || SKT_TcpConnect(cli.h) == 0))
             SKT_TcpConnect(srv.h);
@@ -70,20 +68,16 @@ int IntOption(int fd, int level, int name)
 TEST(TcpConnect, ClientAtOnceOrThroughInProgressAndServerAccept)
 {
     IBP_REQUIRE_ISOLATION();
-    Tcp srv(TcpInfo(SKT_ROLE_SERVER)), cli(TcpInfo(SKT_ROLE_CLIENT)), cli2(TcpInfo(SKT_ROLE_CLIENT));
+    Tcp srv(SKT_ROLE_SERVER), cli(SKT_ROLE_CLIENT), cli2(SKT_ROLE_CLIENT);
     ASSERT_TRUE(srv.h && cli.h && cli2.h);
     EXPECT_EQ(kListening, srv.h->enSockStatus);
     EXPECT_EQ(kCreated, cli.h->enSockStatus);
-    s32 lListen = SKT_GetSocketFD(srv.h);
-    for (s32 fd : {lListen, cli.h->lSocket}) {  // the fixed options
+    const s32 lListen = SKT_GetSocketFD(srv.h);
+    for (s32 fd : {lListen, cli.h->lSocket}) {
         EXPECT_NE(0, fcntl(fd, F_GETFL) & O_NONBLOCK);
         EXPECT_EQ(1, IntOption(fd, SOL_SOCKET, SO_REUSEADDR));
         EXPECT_NE(0, IntOption(fd, IPPROTO_TCP, TCP_NODELAY));
         EXPECT_EQ(1, IntOption(fd, SOL_SOCKET, SO_KEEPALIVE));
-        struct linger stLinger = {-1, -1};
-        socklen_t len = sizeof(stLinger);
-        ASSERT_EQ(0, getsockopt(fd, SOL_SOCKET, SO_LINGER, &stLinger, &len));
-        EXPECT_EQ(0, stLinger.l_onoff);
     }
     ibptest::LogCapture cap;
     // Loopback mostly answers a non-blocking connect with EINPROGRESS.
@@ -92,8 +86,7 @@ TEST(TcpConnect, ClientAtOnceOrThroughInProgressAndServerAccept)
         EXPECT_EQ(0u, SKT_TcpConnect(cli.h));  // the handshake needs no accept
     }
     EXPECT_EQ(kConnected, cli.h->enSockStatus);
-    // Once the handshake is through, connect() succeeds at once: drive the
-    // first step again from status 1.
+    // Once the handshake is through, connect() succeeds at once: drive the first step again from status 1.
     if (SKT_TcpConnect(cli2.h) != 0) {
         struct pollfd stPfd = {cli2.h->lSocket, POLLOUT, 0};
         ASSERT_EQ(1, poll(&stPfd, 1, -1));
@@ -105,11 +98,10 @@ TEST(TcpConnect, ClientAtOnceOrThroughInProgressAndServerAccept)
     EXPECT_EQ(0u, SKT_TcpConnect(srv.h));
     EXPECT_EQ(kConnected, srv.h->enSockStatus);
     EXPECT_EQ(lListen, srv.h->lListenSocket);
-    s32 lConn = SKT_GetSocketFD(srv.h);
+    const s32 lConn = SKT_GetSocketFD(srv.h);
     EXPECT_NE(lListen, lConn);
     EXPECT_EQ(1u, cap.CountPrefix("accept a connection(ip:127.0.0.1, port:")) << cap.Dump();
-    EXPECT_EQ(htons(kPort), srv.h->usRemotePort);      // not replaced by the peer's
-    EXPECT_EQ(0, fcntl(lConn, F_GETFL) & O_NONBLOCK);  // the system's default for accepted sockets
+    EXPECT_EQ(htons(kPort), srv.h->usRemotePort);  // not replaced by the peer's
     cap.Clear();
     EXPECT_EQ(0u, SKT_TcpConnect(srv.h));  // connected: nothing to do
     EXPECT_EQ(0u, SKT_TcpConnect(cli.h));
@@ -122,11 +114,10 @@ TEST(TcpConnect, ClientAtOnceOrThroughInProgressAndServerAccept)
 TEST(TcpConnect, FailedStepsKeepTheirStatus)
 {
     IBP_REQUIRE_ISOLATION();
-    Tcp dead(TcpInfo(SKT_ROLE_CLIENT, 5000, kPort + 1)), srv(TcpInfo(SKT_ROLE_SERVER, 30));
+    Tcp dead(SKT_ROLE_CLIENT, 5000, kPort + 1), srv(SKT_ROLE_SERVER, 30);
     ASSERT_TRUE(dead.h && srv.h);
     ibptest::LogCapture cap;
-    // Unconnected, it polls as hung up, never as readable: news not asked
-    // for runs out the time-out.
+    // Unconnected, it polls as hung up, never as readable: news not asked for runs out the time-out.
     dead.h->usEvents = POLLIN;
     EXPECT_EQ(1u, SKT_TcpPollSock(1, &dead.h, 20));
     EXPECT_NE(0, dead.h->usREvents & POLLHUP);
@@ -141,17 +132,15 @@ TEST(TcpConnect, FailedStepsKeepTheirStatus)
         EXPECT_EQ(kConnecting, dead.h->enSockStatus);
         EXPECT_LOG(cap, "DBG", "BP", "Failed to connect the host(ip:127.0.0.1 port:7102) errno:Connection refused.");
     }
-    // Nobody calling: every step waits out the time-out and stays listening.
-    for (int i = 0; i < 2; ++i) {
-        EXPECT_EQ(1u, SKT_TcpConnect(srv.h));
-        EXPECT_EQ(kListening, srv.h->enSockStatus);
-    }
-    EXPECT_EQ(2u, cap.Count("DBG", "BP", "no connect info received! lSocket:" + std::to_string(srv.h->lSocket) +
+    // Nobody calling: the step waits out the time-out and stays listening.
+    EXPECT_EQ(1u, SKT_TcpConnect(srv.h));
+    EXPECT_EQ(kListening, srv.h->enSockStatus);
+    EXPECT_EQ(1u, cap.Count("DBG", "BP", "no connect info received! lSocket:" + std::to_string(srv.h->lSocket) +
                                              " ulModuleID:0x90000002 lTimeOut:30")) << cap.Dump();
     EXPECT_EQ(-1, srv.h->lListenSocket);
 }
 
-TEST(TcpRecv, TakesWhatFitsAndTellsAQuietPeerFromADeadOne)
+TEST(TcpRecv, PartialReceiveQuietPeerAndClosedPeer)
 {
     IBP_REQUIRE_ISOLATION();
     ibptest::LogCapture cap;
@@ -160,7 +149,7 @@ TEST(TcpRecv, TakesWhatFitsAndTellsAQuietPeerFromADeadOne)
     u8 aucData[100], aucBuf[200] = {};
     for (u32 i = 0; i < sizeof(aucData); ++i)
         aucData[i] = static_cast<u8>(i + 1);
-    u32 ulRetry = 0, ulSleep = 0, ulLen = 10;
+    u32 ulRetry = 0, ulSleep = 1, ulLen = 10;
     ASSERT_EQ(100, SKT_TcpSend(p.cli.h, 100, aucData, &ulRetry, &ulSleep));
     // Both ends polled at once: each keeps its own result.
     SKT_HANDLE ah[2] = {p.cli.h, p.srv.h};
@@ -178,41 +167,31 @@ TEST(TcpRecv, TakesWhatFitsAndTellsAQuietPeerFromADeadOne)
     EXPECT_EQ(0, memcmp(aucBuf, aucData, 100));
     // Waiting on a quiet peer keeps the connection; without a wait it looks dead.
     cap.Clear();
-    ulLen = sizeof(aucBuf);
     EXPECT_EQ(1u, SKT_TcpRecv(p.srv.h, 1, &ulLen, aucBuf));
     EXPECT_EQ(kConnected, p.srv.h->enSockStatus);
     EXPECT_LOG(cap, "ERR", "BP", "SKT_TcpPollSock() failed, ulModuleID:0x90000002, lTimeOut:30");
     EXPECT_EQ(1u, cap.Records().size()) << cap.Dump();  // the poll's own time-out is not logged
-    EXPECT_EQ(1u, SKT_TcpRecv(p.srv.h, 0, &ulLen, aucBuf));
-    EXPECT_EQ(kClosed, p.srv.h->enSockStatus);
-}
+    EXPECT_EQ(1u, SKT_TcpRecv(p.cli.h, 0, &ulLen, aucBuf));
+    EXPECT_EQ(kClosed, p.cli.h->enSockStatus);
 
-TEST(TcpRecv, ClosedPeerFailsSendsWithoutASignalAndIsMarkedByAReceive)
-{
-    IBP_REQUIRE_ISOLATION();
-    ibptest::LogCapture cap;
-    Pair p;
-    ASSERT_TRUE(p.Up());
+    // A closed peer: the first send draws a reset, later ones fail without SIGPIPE (which would end this program).
     struct sigaction stDfl = {}, stOld = {};
-    stDfl.sa_handler = SIG_DFL;  // SIGPIPE would end this program
+    stDfl.sa_handler = SIG_DFL;
     sigaction(SIGPIPE, &stDfl, &stOld);
     p.cli.Close();
-    u8 aucBuf[64] = {};
-    u32 ulRetry = 0, ulSleep = 1, ulLen = sizeof(aucBuf);
-    // The first send reaches a closed socket, which answers with a reset.
     ASSERT_EQ(1, SKT_TcpSend(p.srv.h, 1, aucBuf, &ulRetry, &ulSleep));
     struct pollfd stPfd = {p.srv.h->lSocket, 0, 0};
     ASSERT_EQ(1, poll(&stPfd, 1, -1));
     cap.Clear();
-    EXPECT_EQ(0, SKT_TcpSend(p.srv.h, sizeof(aucBuf), aucBuf, &ulRetry, &ulSleep));
-    EXPECT_EQ(0, SKT_TcpSend(p.srv.h, sizeof(aucBuf), aucBuf, &ulRetry, &ulSleep));
+    EXPECT_EQ(0, SKT_TcpSend(p.srv.h, 64, aucBuf, &ulRetry, &ulSleep));
+    EXPECT_EQ(0, SKT_TcpSend(p.srv.h, 64, aucBuf, &ulRetry, &ulSleep));
     sigaction(SIGPIPE, &stOld, nullptr);
     auto err = Texts(cap, "ERR", "send() failed! lSocket:");
     ASSERT_EQ(2u, err.size()) << cap.Dump();
     EXPECT_NE(std::string::npos, err[1].find(" ulDataLen:64 ulLeft:64 error(32):")) << err[1];
     EXPECT_EQ(kConnected, p.srv.h->enSockStatus);  // sending never changes the status
-
     cap.Clear();
+    ulLen = sizeof(aucBuf);
     EXPECT_EQ(1u, SKT_TcpRecv(p.srv.h, 1, &ulLen, aucBuf));
     EXPECT_EQ(kClosed, p.srv.h->enSockStatus);
     EXPECT_EQ(1u, Texts(cap, "DBG", "Socket received no data, error:").size()) << cap.Dump();
@@ -243,8 +222,7 @@ TEST(TcpSend, BudgetAgainstAStalledPeer)
     ASSERT_LT(lSent, static_cast<s32>(kLen));
     auto dbg = Texts(cap, "DBG", "send() failed! lSocket:");
     ASSERT_GE(dbg.size(), 3u) << cap.Dump();
-    // Each stall starts with the whole budget and each retry takes one: the
-    // last stall ends with 2, 1, 0.
+    // Each stall starts with the whole budget and each retry takes one: the last stall ends with 2, 1, 0.
     unsigned ulLeft = 99, ulExpect = 2;
     for (const std::string &sText : dbg) {
         ASSERT_EQ(1, sscanf(strstr(sText.c_str(), "ulRetryNum:"), "ulRetryNum:%u", &ulLeft)) << sText;
@@ -264,18 +242,15 @@ TEST(TcpSend, BudgetAgainstAStalledPeer)
     dbg = Texts(cap, "DBG", "send() failed! lSocket:");
     ASSERT_EQ(1u, dbg.size()) << cap.Dump();
     EXPECT_NE(std::string::npos, dbg[0].find(" ulRetryNum:0 ulSleepTime:20 ")) << dbg[0];
-    EXPECT_EQ(kConnected, p.cli.h->enSockStatus);
 
     // What was reported as sent arrives, in order and nothing more.
     const u32 ulSent = static_cast<u32>(lSent + lMore);
     std::vector<u8> got(ulSent + 1);
-    u32 ulTotal = 0;
-    while (ulTotal < ulSent) {
-        u32 ulLen = static_cast<u32>(got.size()) - ulTotal;
+    for (u32 ulTotal = 0, ulLen; ulTotal < ulSent; ulTotal += ulLen) {
+        ulLen = static_cast<u32>(got.size()) - ulTotal;
         ASSERT_EQ(0u, SKT_TcpRecv(p.srv.h, 1, &ulLen, got.data() + ulTotal));
-        ulTotal += ulLen;
+        ASSERT_LE(ulTotal + ulLen, ulSent);
     }
-    EXPECT_EQ(ulSent, ulTotal);
     EXPECT_EQ(0, memcmp(got.data(), data.data(), ulSent));
     int lWaiting = -1;
     ASSERT_EQ(0, ioctl(p.srv.h->lSocket, FIONREAD, &lWaiting));

@@ -1,6 +1,5 @@
-// Socket control blocks and UDP endpoints: fixed options, binding, the global
-// list and its display, the descriptor limit, the MAC address helper, and the
-// argument checks of the whole socket layer.
+// UDP endpoints: options, binding, the global list and its display, the descriptor
+// limit, the MAC address helper, and the argument checks of the whole socket layer.
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
@@ -49,16 +48,17 @@ std::string Display(u32 ulCap = 8192)
     return buf.data();
 }
 
-const std::string kHeading =
-    "SocketFd   ModuleID   IPAddr           Port     TCP/UDP    Server/Client    Status     Timeout(ms) \n";
-
-TEST(SocketUdp, OptionsBindingAndABindFailureThatLeavesTheListAsItWas)
+TEST(SocketUdp, OptionsBindingDisplayAndABindFailureThatLeavesTheListAsItWas)
 {
     IBP_REQUIRE_ISOLATION();
     int plain = socket(AF_INET, SOCK_DGRAM, 0);
     const int lDefSnd = SockOption(plain, SO_SNDBUF), lDefRcv = SockOption(plain, SO_RCVBUF);
     close(plain);
-    Udp srv(UdpInfo(SKT_ROLE_SERVER, "127.0.0.1", 7001)), cli(UdpInfo(SKT_ROLE_CLIENT, "127.0.0.1", 7001));
+    SKT_SOCK_INFO_S stInfo = UdpInfo(SKT_ROLE_CLIENT, "127.0.0.1", 7001, 0x90000002);
+    stInfo.ulRemoteIp = inet_addr("127.0.0.9");
+    stInfo.usRemotePort = htons(65535);
+    stInfo.lTimeOut = -1;
+    Udp srv(UdpInfo(SKT_ROLE_SERVER, "127.0.0.1", 7001)), cli(stInfo);
     for (Udp *pU : {&srv, &cli}) {
         ASSERT_NE(nullptr, pU->h);
         SCOPED_TRACE(pU->h->enRole);
@@ -70,18 +70,26 @@ TEST(SocketUdp, OptionsBindingAndABindFailureThatLeavesTheListAsItWas)
         struct sockaddr_in stAddr = {};
         socklen_t len = sizeof(stAddr);
         ASSERT_EQ(0, getsockname(fd, reinterpret_cast<sockaddr *>(&stAddr), &len));
-        bool bServer = pU == &srv;  // only the server binds
+        const bool bServer = pU == &srv;  // only the server binds
         EXPECT_EQ(bServer ? inet_addr("127.0.0.1") : 0u, stAddr.sin_addr.s_addr);
         EXPECT_EQ(bServer ? htons(7001) : 0, stAddr.sin_port);
     }
-    const std::string sBefore = Display();
+    char acFds[2][16];  // newest first
+    snprintf(acFds[0], sizeof(acFds[0]), "%-10d", SKT_GetSocketFD(cli.h));
+    snprintf(acFds[1], sizeof(acFds[1]), "%-10d", SKT_GetSocketFD(srv.h));
+    const std::string sHead = "SocketFd   ModuleID   IPAddr           Port     TCP/UDP    Server/Client    Status     Timeout(ms) \n";
+    const std::string sAll =
+        sHead + acFds[0] + " 0x90000002 127.0.0.9        65535    UDP        Client           0          -1         \n" +
+        acFds[1] + " 0          127.0.0.1        7002     UDP        Server           0          2000       \n";
+    EXPECT_EQ(sAll, Display());
+    EXPECT_EQ(sAll.substr(0, 119), Display(120));  // one byte goes to the terminator
     const int lFree = LowestFreeFd();
     ibptest::LogCapture cap;
-    SKT_SOCK_INFO_S stInfo = UdpInfo(SKT_ROLE_SERVER, "192.0.2.1", 7009);  // not in this namespace
+    stInfo = UdpInfo(SKT_ROLE_SERVER, "192.0.2.1", 7009);  // not in this namespace
     EXPECT_EQ(nullptr, SKT_UdpInit(&stInfo));
     EXPECT_LOG(cap, "ERR", "BP", "bind socket failed! error:Cannot assign requested address lSocket:" +
                                      std::to_string(lFree) + " localip:192.0.2.1 port:7009");
-    EXPECT_EQ(sBefore, Display());
+    EXPECT_EQ(sAll, Display());
     EXPECT_EQ(lFree, LowestFreeFd());
     for (Udp *pU : {&srv, &cli}) {
         SKT_HANDLE h = pU->h;
@@ -91,7 +99,7 @@ TEST(SocketUdp, OptionsBindingAndABindFailureThatLeavesTheListAsItWas)
         pU->h = nullptr;
         EXPECT_EQ(-1, fcntl(fd, F_GETFD));
     }
-    EXPECT_EQ(kHeading, Display());
+    EXPECT_EQ(sHead, Display());
 }
 
 TEST(SocketUdp, DescriptorsFrom1024AreRefused)
@@ -103,11 +111,8 @@ TEST(SocketUdp, DescriptorsFrom1024AreRefused)
     struct rlimit stNew = {1100, stOld.rlim_max};
     ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &stNew));
     struct Fds : std::vector<int> { ~Fds() { for (int fd : *this) close(fd); } } fds;  // all free ones below 1024
-    int fd;
-    while ((fd = open("/dev/null", O_RDONLY)) >= 0 && fd < 1024)
-        fds.push_back(fd);
-    if (fd >= 0)
-        close(fd);
+    while (fds.empty() || (fds.back() >= 0 && fds.back() < 1023))
+        fds.push_back(open("/dev/null", O_RDONLY));
     ASSERT_EQ(1023, fds.back());
     ibptest::LogCapture cap;
     SKT_SOCK_INFO_S stInfo = UdpInfo(SKT_ROLE_CLIENT, "127.0.0.1", 0);
@@ -120,10 +125,8 @@ TEST(SocketUdp, DescriptorsFrom1024AreRefused)
     EXPECT_EQ(-1, fcntl(1024, F_GETFD));  // closed again
     close(1023);
     fds.pop_back();
-    {
-        Udp ok(stInfo);
-        EXPECT_EQ(1023, ok.h == nullptr ? -1 : SKT_GetSocketFD(ok.h));
-    }
+    Udp ok(stInfo);
+    EXPECT_EQ(1023, ok.h == nullptr ? -1 : SKT_GetSocketFD(ok.h));
     setrlimit(RLIMIT_NOFILE, &stOld);
 }
 
@@ -182,26 +185,6 @@ TEST(SocketArgs, AbsentArgumentsInArgumentOrderAndUnknownInterfaces)
                   "[ERR]Param illegal! enSockStatus:0 lSocket:" + sFd, "[ERR]invalid socket number",
                   "[ERR]pstSocketCB is NULL", "[ERR]i:0 lSocket:-1 illegal"}),
               texts);
-}
-
-TEST(SocketPrint, NewestFirstAndCutToCapacity)
-{
-    IBP_REQUIRE_ISOLATION();
-    Udp lib(UdpInfo(SKT_ROLE_SERVER, "127.0.0.1", 7001, 0));
-    SKT_SOCK_INFO_S stInfo = UdpInfo(SKT_ROLE_CLIENT, "127.0.0.1", 0, 0x90000002);
-    stInfo.ulRemoteIp = inet_addr("127.0.0.9");
-    stInfo.usRemotePort = htons(65535);
-    stInfo.lTimeOut = -1;
-    Udp app(stInfo);
-    ASSERT_TRUE(lib.h != nullptr && app.h != nullptr);
-    char acFds[2][16];
-    snprintf(acFds[0], sizeof(acFds[0]), "%-10d", SKT_GetSocketFD(app.h));
-    snprintf(acFds[1], sizeof(acFds[1]), "%-10d", SKT_GetSocketFD(lib.h));
-    const std::string sAll =
-        kHeading + acFds[0] + " 0x90000002 127.0.0.9        65535    UDP        Client           0          -1         \n" +
-        acFds[1] + " 0          127.0.0.1        7002     UDP        Server           0          2000       \n";
-    EXPECT_EQ(sAll, Display());
-    EXPECT_EQ(sAll.substr(0, 119), Display(120));  // one byte goes to the terminator
 }
 
 }  // namespace

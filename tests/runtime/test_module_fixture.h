@@ -1,14 +1,12 @@
-// Shared by the module tests: a pool set up as the service process would,
-// a stand-in process thread, message helpers and waits with a limit.
+// Shared by the module tests: the service process's pool, message helpers, waits with a limit.
 #pragma once
 
 #include <gtest/gtest.h>
-#include <semaphore.h>
 
-#include <cerrno>
+#include <chrono>
 #include <cstring>
-#include <ctime>
 #include <functional>
+#include <semaphore>
 
 #include "harness/log_capture.h"
 #include "ibp/isp_module.h"
@@ -25,32 +23,16 @@ inline void *PollingProcThread(void *pvModule)
     return nullptr;
 }
 
-// A semaphore whose wait gives up after 20 s, so that a broken runtime fails
-// the test instead of hanging it.
-struct Signal {
-    sem_t sem;
-    Signal() { sem_init(&sem, 0, 0); }
-    ~Signal() { sem_destroy(&sem); }
-    void Post() { sem_post(&sem); }
-    bool Wait()
-    {
-        timespec ts{};
-        clock_gettime(CLOCK_REALTIME, &ts);
-        ts.tv_sec += 20;
-        while (sem_timedwait(&sem, &ts) != 0)
-            if (errno != EINTR)
-                return false;
-        return true;
-    }
+// Wait gives up after 20 s, so that a broken runtime fails the test instead of hanging it.
+struct Signal : std::counting_semaphore<> {
+    Signal() : std::counting_semaphore<>(0) {}
+    void Post() { release(); }
+    bool Wait() { return try_acquire_for(std::chrono::seconds(20)); }
 };
 
 // A handler whose work is a lambda, handed over as pParam.
-using Body = std::function<void(u32 ulMsgID, MSG_HANDLE hMsg)>;
-inline u32 RunBody(u32 ulMsgID, MSG_HANDLE hMsg, void *pParam)
-{
-    (*static_cast<Body *>(pParam))(ulMsgID, hMsg);
-    return 0;
-}
+using Body = std::function<void(MSG_HANDLE hMsg)>;
+inline u32 RunBody(u32, MSG_HANDLE hMsg, void *pParam) { return (*static_cast<Body *>(pParam))(hMsg), 0; }
 
 inline u32 FreeSlots()
 {
@@ -63,15 +45,14 @@ inline u32 FreeSlots()
 }
 
 // For what only a detached thread's end makes true: poll for at most ten seconds.
-template <typename Cond>
-bool Eventually(Cond cond)
+template <typename Cond> bool Eventually(Cond cond)
 {
     for (int i = 0; i < 10000 && !cond(); ++i)
         ISP_usleep(1000);
     return cond();
 }
 
-// A message with a one-word body, its header filled in as a sender would.
+// A message whose one-word body is ulSeq, its header filled in as a sender would.
 inline MSG_HANDLE MakeMsg(u32 ulMsgID, u32 ulDstModuleID, u32 ulSeq = 0, u32 ulType = MSG_TYPE_ASYNC_REQ,
                           u32 ulAssMsgID = 0, u32 ulDstProcID = MOD_PROC_ID_ISP)
 {
@@ -81,15 +62,9 @@ inline MSG_HANDLE MakeMsg(u32 ulMsgID, u32 ulDstModuleID, u32 ulSeq = 0, u32 ulT
     return hMsg;
 }
 
-inline u32 BodyWord(MSG_HANDLE hMsg)
-{
-    u32 ulWord = 0;
-    memcpy(&ulWord, static_cast<char *>(hMsg->pMem) + MSG_HDR_LEN, sizeof(ulWord));
-    return ulWord;
-}
+inline u32 BodyWord(MSG_HANDLE hMsg) { return static_cast<const u32 *>(hMsg->pMem)[MSG_HDR_LEN / 4]; }
 
-// The service process with its pool set up and nothing registered; what a
-// test leaves registered is unregistered before the log capture ends.
+// Nothing registered at the start; what a test leaves registered is unregistered at the end.
 class ServiceProcess : public ::testing::Test {
 protected:
     void SetUp() override

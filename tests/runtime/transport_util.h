@@ -2,15 +2,14 @@
 #pragma once
 
 #include <arpa/inet.h>
-#include <semaphore.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
+#include <chrono>
 #include <cstring>
-#include <ctime>
 #include <mutex>
+#include <semaphore>
 #include <string>
 #include <vector>
 
@@ -25,7 +24,7 @@ inline Bytes MakeBlock(u32 ulType, u32 ulMsgID, u32 ulSrcModule, u32 ulDstModule
                        const std::string &body, u32 ulAssMsgID = 0)
 {
     const u32 ulLen = static_cast<u32>(body.size());
-    const MSG_HDR_S hdr = {MSG_PREFIX, ulType,      ulMsgID,   ulAssMsgID, MSG_HDR_LEN + ulLen, ulLen, ulSrcModule,
+    const MSG_HDR_S hdr = {MSG_PREFIX,  ulType,    ulMsgID,   ulAssMsgID, MSG_HDR_LEN + ulLen, ulLen, ulSrcModule,
                            ulDstModule, ulSrcProc, ulDstProc, 0,          0,                   0};
     Bytes b(reinterpret_cast<const u8 *>(&hdr), reinterpret_cast<const u8 *>(&hdr + 1));
     b.insert(b.end(), body.begin(), body.end());
@@ -51,7 +50,7 @@ public:
     {
         sockaddr_in a = Addr(usPort);
         bound_ = fd_ >= 0 && bind(fd_, reinterpret_cast<sockaddr *>(&a), sizeof(a)) == 0;
-        timeval tv{5, 0};  // a safety bound only: nothing waits this long when all is well
+        timeval tv{5, 0};  // a safety bound only
         setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
     }
     ~RawPeer() { close(fd_); }
@@ -59,8 +58,7 @@ public:
     bool SendTo(u16 usPort, const Bytes &b) const
     {
         sockaddr_in a = Addr(usPort);
-        return sendto(fd_, b.data(), b.size(), 0, reinterpret_cast<sockaddr *>(&a), sizeof(a)) ==
-               static_cast<ssize_t>(b.size());
+        return sendto(fd_, b.data(), b.size(), 0, reinterpret_cast<sockaddr *>(&a), sizeof(a)) == ssize_t(b.size());
     }
     Bytes Recv() const
     {
@@ -70,14 +68,7 @@ public:
     }
 
 private:
-    static sockaddr_in Addr(u16 usPort)
-    {
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_port = htons(usPort);
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        return a;
-    }
+    static sockaddr_in Addr(u16 usPort) { return {AF_INET, htons(usPort), {htonl(INADDR_LOOPBACK)}, {}}; }
     int fd_;
     bool bound_ = false;
 };
@@ -91,8 +82,6 @@ struct Recorder {
     };
     u32 ulForwardID = 0, ulForwardTo = 0;  // set before the first message comes
 
-    Recorder() { sem_init(&sem_, 0, 0); }
-    ~Recorder() { sem_destroy(&sem_); }
     static u32 Handle(u32, MSG_HANDLE hMsg, void *pParam)
     {
         auto *self = static_cast<Recorder *>(pParam);
@@ -104,21 +93,18 @@ struct Recorder {
             std::lock_guard<std::mutex> lock(self->mu_);
             self->msgs_.push_back({hdr, std::string(static_cast<char *>(pBody), ulLen)});
         }
-        sem_post(&self->sem_);
+        self->sem_.release();
         if (hdr.enMsgType == MSG_TYPE_SYNC_REQ)
             ISP_SendAckMsg(hMsg, pBody, ulLen);
         if (self->ulForwardTo != 0 && hdr.ulMsgID == self->ulForwardID)
             MSG_ForwardMsg(self->ulForwardTo, MSG_Clone(hMsg));
         return 0;
     }
-    // Waits (at most 5 s, a safety bound) until n messages have arrived in all.
+    // Waits until n messages have arrived in all; 5 s is a safety bound only.
     bool WaitFor(size_t n)
     {
-        timespec ts;
-        clock_gettime(CLOCK_REALTIME, &ts);
-        ts.tv_sec += 5;
         while (Msgs().size() < n)
-            if (sem_timedwait(&sem_, &ts) != 0 && errno == ETIMEDOUT)
+            if (!sem_.try_acquire_for(std::chrono::seconds(5)))
                 return false;
         return true;
     }
@@ -136,7 +122,7 @@ struct Recorder {
     }
 
 private:
-    sem_t sem_;
+    std::counting_semaphore<> sem_{0};
     std::mutex mu_;
     std::vector<Msg> msgs_;
 };

@@ -1,37 +1,74 @@
-// Opening XML documents, path lookup, the three value readers, and the argument checks of every call.
+// Opening XML documents (plain and from zip archives), path lookup, the value readers, batch tables,
+// matrices and the argument checks. Every file lives in the test's private /tmp.
+#include <gtest/gtest.h>
 #include <mxml.h>
+#include <sys/stat.h>
 
+#include <climits>
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <string>
+#include <tuple>
 #include <vector>
 
-#include "xml_test_util.h"
-
-using namespace xmltest;
+#include "harness/log_capture.h"
+#include "harness/test_env.h"
+#include "ibp/isp_xml.h"
 
 namespace {
 
-// Builds <cfg><v0>text0</v0><v1>text1</v1>...extra</cfg>.
-template <typename Case, size_t N>
-std::string Numbered(const Case (&cases)[N], const std::string &extra = "")
+using Texts = std::vector<std::string>;
+
+void WriteFile(const std::string &path, const std::string &data)
 {
-    std::string body = "<cfg>";
-    for (size_t i = 0; i < N; ++i)
-        body += "<v" + std::to_string(i) + ">" + cases[i].text + "</v" + std::to_string(i) + ">";
-    return body + extra + "</cfg>";
+    FILE *fp = fopen(path.c_str(), "wb");
+    ASSERT_NE(fp, nullptr) << path;
+    ASSERT_EQ(fwrite(data.data(), 1, data.size(), fp), data.size());
+    fclose(fp);
 }
+
+bool Exists(const std::string &path) { struct stat st {}; return lstat(path.c_str(), &st) == 0; }
+
+std::string WithDecl(const std::string &body) { return "<?xml version=\"1.0\"?>\n" + body + "\n"; }
+
+// The texts of all captured records in order, each after its level name if asked.
+Texts TextsOf(const ibptest::LogCapture &cap, bool bLevel = false)
+{
+    Texts out;
+    for (const auto &rec : cap.Records())
+        out.push_back(bLevel ? rec.level + " " + rec.text : rec.text);
+    return out;
+}
+
+// A document of the given body, opened from /tmp/t.xml, closed at scope end.
+struct Doc {
+    explicit Doc(const std::string &body)
+    {
+        WriteFile("/tmp/t.xml", WithDecl(body));
+        h = XML_InitLensFile("/tmp/t.xml");
+    }
+    ~Doc() { if (h != nullptr) XML_Destroy(h); }
+    XML_NODE Node(const std::string &path) const { return XML_GetNodeset(h, path.c_str()); }
+    XML_HANDLE h = nullptr;
+};
+
+class XmlTest : public ::testing::Test {
+protected:
+    void SetUp() override { IBP_REQUIRE_ISOLATION(); }
+};
 
 // <d><d>...<leaf>3</leaf>...</d></d>, `levels` deep, short of `missing` end tags.
 std::string Deep(int levels, int missing = 0)
 {
-    std::string text;
-    for (int i = 0; i < levels; ++i)
-        text += "<d>";
-    text += "<leaf>3</leaf>";
-    for (int i = missing; i < levels; ++i)
-        text += "</d>";
-    return text;
+    std::string sOpen, sClose;
+    for (int i = 0; i < levels; ++i) {
+        sOpen += "<d>";
+        sClose += i < missing ? "" : "</d>";
+    }
+    return sOpen + "<leaf>3</leaf>" + sClose;
 }
 
 TEST_F(XmlTest, BadArgumentsAreNamedInArgumentOrder)
@@ -43,10 +80,7 @@ TEST_F(XmlTest, BadArgumentsAreNamedInArgumentOrder)
     XML_GET_TABLE_S astTable[1] = {};
     u32 aul[2] = {1, 1};
     ibptest::LogCapture cap;
-    const struct {
-        std::function<bool()> call;  // true when the call reported a failure
-        const char *text;
-    } cases[] = {
+    const struct { std::function<bool()> call; const char *text; } cases[] = {  // call: true on a reported failure
         {[&] { return XML_Init(nullptr, nullptr) == nullptr; }, "pcXmlFile is NULL"},
         {[&] { return XML_InitLensFile(nullptr) == nullptr; }, "pcXmlFile is NULL"},
         {[&] { XML_Destroy(nullptr); return true; }, "hHandle is invalid"},
@@ -73,12 +107,11 @@ TEST_F(XmlTest, BadArgumentsAreNamedInArgumentOrder)
         {[&] { return XML_BatchGet(doc.h, "cfg/no", astTable, 1, aul) == 1; }, "Get node set of cfg/no fail"},
         {[&] { return XML_GetIntArray2D(doc.h, "cfg/no", 4, aul, aul) == 1; }, "XML_GetNodeset cfg/no fail"},
     };
-    for (size_t i = 0; i < std::size(cases); ++i) {
-        SCOPED_TRACE("case " + std::to_string(i));
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.text);
         cap.Clear();
-        EXPECT_TRUE(cases[i].call());
-        EXPECT_EQ(TextsOf(cap), Texts{cases[i].text});
-        EXPECT_EQ(cap.Count("ERR", "BP", cases[i].text), 1u);
+        EXPECT_TRUE(c.call());
+        EXPECT_EQ(TextsOf(cap, true), Texts{std::string("ERR ") + c.text});
     }
 }
 
@@ -88,7 +121,6 @@ TEST_F(XmlTest, OpenFailuresGiveARecordPair)
     EXPECT_EQ(XML_InitLensFile("/tmp/none.xml"), nullptr);
     EXPECT_EQ(TextsOf(cap), (Texts{"fopen file /tmp/none.xml fail", "xml init /tmp/none.xml fail!"}));
     EXPECT_EQ(cap.Records().back().func, "XML_InitLensFile");
-
     const std::string bad[] = {
         "",
         WithDecl("<cfg><a>1</a>"),       // missing end tag
@@ -110,13 +142,12 @@ TEST_F(XmlTest, OpenFailuresGiveARecordPair)
 
 TEST_F(XmlTest, InitAndLensFileGiveTheSameDocument)
 {
-    // The name field keeps the first 127 characters of a longer path.
     const std::string path = "/tmp/" + std::string(140, 'n') + ".xml";
     WriteFile(path, WithDecl("<cfg><grp><leaf>41</leaf></grp></cfg>"));
     ibptest::LogCapture cap;
     for (XML_HANDLE h : {XML_Init(path.c_str(), nullptr), XML_InitLensFile(path.c_str())}) {
         ASSERT_NE(h, nullptr);
-        EXPECT_EQ(std::string(h->acFileName), path.substr(0, 127));
+        EXPECT_EQ(std::string(h->acFileName), path.substr(0, 127));  // a longer path is cut
         XML_NODE hLeaf = XML_GetNodeset(h, "cfg/grp/leaf");  // the element, not its text node
         EXPECT_STREQ(mxmlGetElement(hLeaf), "leaf");
         EXPECT_EQ(XML_GetNodeset(h, "*/leaf"), hLeaf);
@@ -130,19 +161,12 @@ TEST_F(XmlTest, InitAndLensFileGiveTheSameDocument)
     EXPECT_TRUE(cap.Records().empty()) << cap.Dump();  // a missing path is no failure
 }
 
-// Each case reads node v<index> into a buffer filled with 0xA5; bytes past `bytes` stay untouched.
+// Node v<i> holds text i; each is read into a buffer of 0xA5 bytes that stay untouched past `bytes`.
 TEST_F(XmlTest, ReadersConvertCopyAndRefuse)
 {
     const auto Int = XML_GetInt, Arr = XML_GetIntArray, Str = XML_GetString;
-    const struct {
-        XML_GET_VALUE_PFN get;
-        u32 elemSize;
-        const char *text;
-        u32 num;     // *pulElemNum (capacity) on entry
-        u32 numOut;  // and afterwards
-        std::vector<u8> bytes;
-        const char *record;  // level and text; null: success
-    } cases[] = {
+    // Reader, element size, text, capacity and count on return, bytes stored, record if any.
+    const struct { XML_GET_VALUE_PFN get; u32 size; const char *text; u32 num, numOut; std::vector<u8> bytes; const char *rec; } cases[] = {
         {Int, 4, "41", 0, 1, {41, 0, 0, 0}, nullptr},
         {Int, 4, "0x10", 0, 1, {0x10, 0, 0, 0}, nullptr},
         {Int, 4, "010", 0, 1, {8, 0, 0, 0}, nullptr},
@@ -166,30 +190,29 @@ TEST_F(XmlTest, ReadersConvertCopyAndRefuse)
         {Str, 0, "abcde", 4, 4, {}, "WRN output buffer not enough! 5 > 4 "},
         {Str, 0, "", 4, 4, {}, "ERR mxmlGetText v21 fail"},
     };
-    Doc doc(Numbered(cases, "<count>1,2,3</count>"));
+    std::string body = "<cfg><count>1,2,3</count>";
+    for (size_t i = 0; i < std::size(cases); ++i)
+        body += "<v" + std::to_string(i) + ">" + cases[i].text + "</v" + std::to_string(i) + ">";
+    Doc doc(body + "</cfg>");
     ASSERT_NE(doc.h, nullptr);
     ibptest::LogCapture cap;
     for (size_t i = 0; i < std::size(cases); ++i) {
         const auto &c = cases[i];
         SCOPED_TRACE("v" + std::to_string(i) + ": " + c.text);
         cap.Clear();
-        u8 buf[8];
-        memset(buf, 0xA5, sizeof(buf));
+        std::vector<u8> buf(8, 0xA5), expect(c.bytes);
         u32 ulNum = c.num;
-        EXPECT_EQ(c.get(doc.Node("cfg/v" + std::to_string(i)), c.elemSize, &ulNum, buf), c.record ? 1u : 0u);
+        EXPECT_EQ(c.get(doc.Node("cfg/v" + std::to_string(i)), c.size, &ulNum, buf.data()), c.rec ? 1u : 0u);
         EXPECT_EQ(ulNum, c.numOut);
-        EXPECT_EQ(TextsOf(cap, true), c.record ? Texts{c.record} : Texts{});
-        std::vector<u8> expect(c.bytes);
-        expect.resize(sizeof(buf), 0xA5);
-        EXPECT_EQ(std::vector<u8>(buf, buf + sizeof(buf)), expect);
+        EXPECT_EQ(TextsOf(cap, true), c.rec ? Texts{c.rec} : Texts{});
+        expect.resize(buf.size(), 0xA5);
+        EXPECT_EQ(buf, expect);
     }
-
     // Counting splits the text too: the node then reads as one element.
+    s32 al[3] = {};
     u32 ulNum = 0;
     EXPECT_EQ(XML_GetIntArray(doc.Node("cfg/count"), 4, &ulNum, nullptr), 0u);
     EXPECT_EQ(ulNum, 3u);
-    s32 al[3] = {};
-    ulNum = 3;
     EXPECT_EQ(XML_GetIntArray(doc.Node("cfg/count"), 4, &ulNum, al), 0u);
     EXPECT_EQ(ulNum, 1u);
 }
@@ -200,8 +223,7 @@ TEST_F(XmlTest, HugeTextAndDeepNestingLoad)
     Doc doc("<cfg><h>" + huge + "</h><l>" + huge + "," + huge + "</l>" + Deep(100000) + "</cfg>");
     ASSERT_NE(doc.h, nullptr);
     ibptest::LogCapture cap;
-    u32 aul[4] = {};
-    u32 ulNum = 0;
+    u32 aul[4] = {}, ulNum = 0;
     EXPECT_EQ(XML_GetInt(doc.Node("*/leaf"), 4, &ulNum, aul), 0u);
     EXPECT_EQ(aul[0], 3u);
     ulNum = sizeof(aul);
@@ -212,6 +234,152 @@ TEST_F(XmlTest, HugeTextAndDeepNestingLoad)
     EXPECT_EQ(ulNum, 2u);
     EXPECT_EQ(aul[0], 0xFFFFFFFFu);
     EXPECT_EQ(aul[1], 0xFFFFFFFFu);
+}
+
+struct Cfg { s32 lX, lY; u16 ausArr[3]; char szName[16]; };
+constexpr Cfg kInitial = {-1, -2, {9, 9, 9}, "init"};
+
+auto Fields(const Cfg &st) { return std::make_tuple(st.lX, st.lY, st.ausArr[0], st.ausArr[1], st.ausArr[2], std::string(st.szName)); }
+
+XML_GET_TABLE_S Row(const char *pcName, XML_GET_VALUE_PFN pfnGet, size_t ulOffset, s32 lSize, s32 lElemSize)
+{
+    return XML_GET_TABLE_S{0xDEAD, pcName, pfnGet, static_cast<u32>(ulOffset), lSize, lElemSize, 0xBEEF};
+}
+
+TEST_F(XmlTest, BatchFillsFieldsInFileOrderUntilAChildFails)
+{
+    using Table = std::vector<XML_GET_TABLE_S>;
+    const Table kTable = {Row("x", XML_GetInt, offsetof(Cfg, lX), 4, 4), Row("y", XML_GetInt, offsetof(Cfg, lY), 4, 4),
+                          Row("arr", XML_GetIntArray, offsetof(Cfg, ausArr), 6, 2),
+                          Row("name", XML_GetString, offsetof(Cfg, szName), 16, 1)};
+    // Rows for one name: the first has no getter and is passed over before its zero size counts.
+    const Table twoX = {Row("x", nullptr, offsetof(Cfg, lY), 4, 0), kTable[0]};
+    const Table zeroX = {Row("x", XML_GetInt, offsetof(Cfg, lY), 4, 0), kTable[0]};
+    // INT_MIN / -1 does not fit 32 bits; the getter then refuses the element size.
+    const Table minX = {Row("x", XML_GetInt, offsetof(Cfg, lX), INT_MIN, -1)};
+    const char *const kStop = "ERR BatchGetMatch fail! pcNodePath=cfg";
+    const Cfg kX6 = {6, -2, {9, 9, 9}, "init"};
+    const struct { const Table &table; const char *children; Cfg expect; Texts records; } cases[] = {
+        {kTable, "<x>1</x><y>0x20</y><arr>4,5,6</arr><name>cam0</name>", {1, 32, {4, 5, 6}, "cam0"}, {}},
+        // No element for arr and name: the initial values stand.
+        {kTable, "<!-- y first --><y>7</y>\n <x>-3</x>", {-3, 7, {9, 9, 9}, "init"}, {}},
+        {kTable, "<x>1</x><x>6</x>", kX6, {}},
+        {kTable, "<!-- only a comment --> ", kInitial, {}},
+        {kTable, "<x>1</x><z>5</z><y>2</y>", {1, -2, {9, 9, 9}, "init"}, {"ERR Get node z content fail", kStop}},
+        {kTable, "<name>toolongforsixteen!</name><x>1</x>", kInitial,
+         {"WRN output buffer not enough! 18 > 16 ", "ERR Get value from node name fail", kStop}},
+        {kTable, "<arr>1,2,3,4</arr><x>1</x>", {-1, -2, {1, 2, 3}, "init"},
+         {"ERR node arr element number > max 3", "ERR Get value from node arr fail", kStop}},
+        {twoX, "<x>6</x>", kX6, {}},
+        {zeroX, "<x>6</x>", kInitial, {"ERR Element size is zero", kStop}},
+        {minX, "<x>6</x>", kInitial, {"ERR element size 4294967295 > 4 not supported", "ERR Get value from node x fail", kStop}},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.children);
+        Doc doc("<cfg>" + std::string(c.children) + "</cfg>");
+        ibptest::LogCapture cap;
+        Cfg st = kInitial;
+        // A stopped walk still gives 0.
+        EXPECT_EQ(XML_BatchGet(doc.h, "cfg", c.table.data(), static_cast<u32>(c.table.size()), &st), 0u);
+        EXPECT_EQ(Fields(st), Fields(c.expect));
+        EXPECT_EQ(TextsOf(cap, true), c.records);
+        if (cap.Records().size() > 1) {
+            EXPECT_EQ(cap.Records()[cap.Records().size() - 2].func, "BatchGetMatch");
+        }
+    }
+}
+
+TEST_F(XmlTest, ShortAndLongRowsEndTheMatrix)
+{
+    // Rows, columns, maximum rows and element size; rows read, elements stored row after row (the rest stays 0).
+    const struct { const char *rows; u32 cols, maxRows, size, rowsRead; std::vector<u32> stored; Texts records; } cases[] = {
+        {"<r>1,2,3</r><!-- c --><q>4,5,0x6</q>", 3, 2, 4, 2, {1, 2, 3, 4, 5, 6}, {}},
+        {"<r>1,2</r><r>-1,0x17f</r>", 2, 3, 1, 2, {1, 2, 0xFF, 0x7F}, {}},
+        {"<r>1,2,3</r><r>4,5,6</r><r>7,8,9</r>", 3, 2, 2, 2, {1, 2, 3, 4, 5, 6}, {"WRN real row num 2 >= 2"}},
+        {"", 3, 2, 4, 0, {}, {}},
+        {"<r>1,2,3</r><r>4,5</r><r>7,8,9</r>", 3, 4, 4, 1, {1, 2, 3, 4, 5}, {"ERR Array element num 2 not equal to 3"}},
+        {"<r>1,2,3,4</r><r>5,6,7</r>", 3, 4, 4, 0, {1, 2, 3}, {"ERR node r element number > max 3", "ERR XML_GetIntArray r fail"}},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.rows);
+        Doc doc("<m>" + std::string(c.rows) + "</m>");
+        ibptest::LogCapture cap;
+        u8 auc[48] = {};
+        u32 aulNum[2] = {c.cols, c.maxRows};
+        EXPECT_EQ(XML_GetIntArray2D(doc.h, "m", c.size, aulNum, auc), 0u);
+        EXPECT_EQ(aulNum[0], c.cols);
+        EXPECT_EQ(aulNum[1], c.rowsRead);
+        std::vector<u32> got(sizeof(auc) / c.size), expect(c.stored);
+        for (size_t j = 0; j < got.size(); ++j)
+            memcpy(&got[j], auc + j * c.size, c.size);
+        expect.resize(got.size(), 0);
+        EXPECT_EQ(got, expect);
+        EXPECT_EQ(TextsOf(cap, true), c.records);
+    }
+}
+
+TEST_F(XmlTest, ZipMembersAreReadAndTheTemporaryFileRemoved)
+{
+    IBP_SKIP_IF_CLONE_VM_UNSUPPORTED();  // ISP_system clones
+    const std::string kArc = "/tmp/arc/pack.zip", kLongest = std::string(75, 'm') + ".xml";  // fills the 127 of the unzip command
+    ASSERT_EQ(system("mkdir -p /tmp/src/sub /tmp/arc"), 0);
+    std::string cmd = "cd /tmp/src && zip -q -r " + kArc;
+    for (const auto &[name, body] : {std::pair<std::string, const char *>{"a.xml", "<cfg><v>11</v></cfg>"},
+                                     {"sub/b_1+x-y.xml", "<cfg><v>22</v></cfg>"},
+                                     {kLongest, "<cfg><v>33</v></cfg>"},
+                                     {"bad.xml", "<cfg><v>1</cfg>"}}) {
+        WriteFile("/tmp/src/" + name, WithDecl(body));
+        cmd += " " + name;
+    }
+    ASSERT_EQ(system(cmd.c_str()), 0) << "the zip program is needed: " << cmd;
+    const std::string kTooLong = kLongest + "x";  // refused rather than cut
+    const struct { std::string member, archive; s32 value; Texts records; } cases[] = {
+        {"a.xml", kArc, 11, {}},
+        {"sub/b_1+x-y.xml", kArc, 22, {}},
+        {kLongest, kArc, 33, {}},
+        {"bad.xml", kArc, -1, {"mxmlLoadFile fail", "xml init bad.xml fail!"}},
+        {"missing.xml", kArc, -1, {"fopen file /tmp/missing.xml fail", "xml init missing.xml fail!"}},
+        {"a.xml", "/tmp/arc/none.zip", -1, {"fopen file /tmp/a.xml fail", "xml init a.xml fail!"}},
+        {kTooLong, kArc, -1, {"unzip command for " + kTooLong + " in " + kArc + " too long", "xml init " + kTooLong + " fail!"}},
+    };
+    WriteFile("/tmp/a.xml", WithDecl("<cfg><v>99</v></cfg>"));  // stale: overwritten, then removed
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.member + " in " + c.archive);
+        ibptest::LogCapture cap;
+        XML_HANDLE h = XML_Init(c.member.c_str(), c.archive.c_str());
+        EXPECT_FALSE(Exists("/tmp/" + c.member)) << "temporary file left behind";
+        s32 lValue = -1;
+        u32 ulNum = 0;
+        if (h != nullptr) {
+            EXPECT_EQ(std::string(h->acFileName), "/tmp/" + c.member);
+            EXPECT_EQ(XML_GetInt(XML_GetNodeset(h, "cfg/v"), 4, &ulNum, &lValue), 0u);
+            XML_Destroy(h);
+        }
+        EXPECT_EQ(lValue, c.value);
+        EXPECT_EQ(TextsOf(cap), c.records);
+    }
+}
+
+// Names are refused before anything runs, so this needs no child process.
+TEST_F(XmlTest, ZipAndMemberNamesTheShellWouldInterpretAreRefused)
+{
+    const std::pair<const char *, const char *> cases[] = {
+        {"a.xml;touch /tmp/pwned", "/tmp/p.zip"}, {"$(touch /tmp/pwned)", "/tmp/p.zip"},
+        {"a.xml", "/tmp/p.zip|touch /tmp/pwned"}, {"a.xml", "`touch /tmp/pwned`"},
+        {"a.xml&&touch${IFS}/tmp/pwned", "/tmp/p.zip"}, {"a xml", "/tmp/p.zip"},
+        {"*.xml", "/tmp/p.zip"}, {"-x.xml", "/tmp/p.zip"}, {"a.xml", "-d"},
+        {"", "/tmp/p.zip"}, {"a.xml", ""}, {"sub/../../a.xml", "/tmp/p.zip"}, {"sub/", "/tmp/p.zip"},
+    };
+    for (const auto &[member, archive] : cases) {
+        SCOPED_TRACE(std::string(member) + " in " + archive);
+        ibptest::LogCapture cap;
+        EXPECT_EQ(XML_Init(member, archive), nullptr);
+        const Texts texts = TextsOf(cap);
+        ASSERT_EQ(texts.size(), 2u) << cap.Dump();
+        EXPECT_EQ(texts[0].rfind("refuse file name ", 0), 0u) << texts[0];
+        EXPECT_EQ(texts[1], std::string("xml init ") + member + " fail!");
+    }
+    EXPECT_FALSE(Exists("/tmp/pwned"));
 }
 
 }  // namespace
