@@ -1,5 +1,5 @@
-// Circular buffer: wrap-around, partial and overwriting writes, zero-copy
-// writing, token search, iteration and the display.
+// Circular buffer: wrapping, partial and overwriting writes, zero-copy writing,
+// token search, iteration, argument checks, the display, and the queue on top.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -17,17 +17,19 @@ using Slots = std::vector<u32>;
 
 // The callbacks note the slot of every element they are offered.
 struct Buf {
-    explicit Buf(u32 ulNum, u32 ulSize = 1, u32 bOverride = 0, const char *pcName = "test")
+    explicit Buf(u32 ulNum, u32 ulSize = 1, u32 bOverride = 0, const char *pcName = "test",
+                 CBUF_HANDLE (*pfnInit)(const CBUF_INIT_S *) = CBUF_Init)
     {
         CBUF_INIT_S stInit = {pcName, ulSize, ulNum, bOverride, On<false>, On<true>, this};
-        h = CBUF_Init(&stInit);
+        h = pfnInit(&stInit);
     }
     ~Buf() { if (h != nullptr) CBUF_Destroy(h); }
     template <bool bRead>
     static void On(void *p, void *pUser)
     {
         auto *pB = static_cast<Buf *>(pUser);
-        (bRead ? pB->reads : pB->writes).push_back(static_cast<u32>((static_cast<u8 *>(p) - pB->h->pucBuf) / pB->h->ulElemSize));
+        const auto ulSlot = (static_cast<u8 *>(p) - pB->h->pucBuf) / pB->h->ulElemSize;
+        (bRead ? pB->reads : pB->writes).push_back(static_cast<u32>(ulSlot));
     }
     u32 Head() const { return h->ulHeadPos; }
     u32 Tail() const { return h->ulTailPos; }
@@ -49,25 +51,41 @@ struct Buf {
     Slots reads, writes;
 };
 
-TEST(CircBufWrite, PartialOverwritingAndWrappingWrites)
+std::vector<std::string> Texts(const ibptest::LogCapture &cap)  // "[LEVEL]text" of every record
 {
-    // N, overwrite, T and content before, bytes written; result, slots dropped, content after, warning.
-    const struct { u32 n, ov, tail; std::string old; u32 len; s32 ret; Slots dropped; const char *after, *warn; } kCases[] = {
-        {8, 0, 0, "", 8, 7, {}, "ABCDEFG", "request=8 space=7 maxNum=8"},
-        {8, 0, 3, "...", 4, 4, {}, "...ABCD", nullptr},  // slots 6, 7, then 0, 1
-        {8, 0, 2, "abcdefg", 1, 0, {}, "abcdefg", "request=1 space=0 maxNum=8"},
-        {1, 0, 0, "", 2, 0, {}, "", "request=2 space=0 maxNum=1"},
-        {1, 1, 0, "", 1, 0, {}, "", nullptr},
-        {8, 1, 0, "abcdefg", 3, 3, {0, 1, 2}, "defgABC", nullptr},  // full: three make way
-        {8, 1, 5, "pq", 7, 7, {5, 6}, "ABCDEFG", nullptr},
-        {8, 1, 5, "pq", 20, 7, {5, 6}, "ABCDEFG", nullptr},
-    };
+    std::vector<std::string> texts;
+    for (const auto &rec : cap.Records())
+        texts.push_back("[" + rec.level + "]" + rec.text);
+    return texts;
+}
+
+TEST(CircBufWrite, PartialOverwritingWrappingAndZeroCopyWrites)
+{
+    // N, overwrite, T and content before; the zero-copy run from H and whether more room waits at slot 0;
+    // bytes written; result, slots dropped, what is left, warning.
+    const struct { u32 n, ov, tail; std::string old; u32 run, next, len; s32 ret; Slots drop; const char *rest, *warn; }
+        kCases[] = {
+            {8, 0, 0, "", 7, 0, 8, 7, {}, "ABCDEFG", "request=8 space=7 maxNum=8"},  // slot 7 stays empty
+            {8, 0, 3, "...", 2, 1, 4, 4, {}, "...ABCD", nullptr},  // slots 6, 7, then 0, 1
+            {8, 0, 2, "abcdefg", 0, 0, 1, 0, {}, "abcdefg", "request=1 space=0 maxNum=8"},
+            {1, 0, 0, "", 0, 0, 2, 0, {}, "", "request=2 space=0 maxNum=1"},
+            {1, 1, 0, "", 0, 0, 1, 0, {}, "", nullptr},
+            {8, 1, 0, "abcdefg", 0, 0, 3, 3, {0, 1, 2}, "defgABC", nullptr},  // full: three make way
+            {8, 1, 5, "pq", 1, 1, 7, 7, {5, 6}, "ABCDEFG", nullptr},
+            {8, 1, 5, "pq", 1, 1, 20, 7, {5, 6}, "ABCDEFG", nullptr},
+        };
     const char *pcSrc = "ABCDEFGHIJKLMNOPQRST";
+    void *pMem = nullptr;
+    u32 ulRun = 9, bNext = 9;
     for (const auto &c : kCases) {
         SCOPED_TRACE(std::to_string(c.n) + " " + c.old + " " + std::to_string(c.len));
         Buf b(c.n, 1, c.ov);
         b.Start(c.tail, c.old);
         const u32 ulHead = b.Head();
+        ASSERT_EQ(0u, CBUF_GetWriteMemNum(b.h, &pMem, &ulRun, &bNext));  // never overwrites
+        EXPECT_EQ(b.h->pucBuf + ulHead, pMem);
+        EXPECT_EQ(c.run, ulRun);
+        EXPECT_EQ(c.next, bNext);
         ibptest::LogCapture cap;
         EXPECT_EQ(c.ret, CBUF_Write(b.h, pcSrc, c.len));
         EXPECT_EQ(c.warn ? 1u : 0u, cap.Records().size());
@@ -80,39 +98,22 @@ TEST(CircBufWrite, PartialOverwritingAndWrappingWrites)
             EXPECT_EQ(pcSrc[i], static_cast<char>(b.h->pucBuf[wrote.back()]));
         }
         EXPECT_EQ(wrote, b.writes);
-        EXPECT_EQ(c.dropped, b.reads);
+        EXPECT_EQ(c.drop, b.reads);
         EXPECT_EQ((ulHead + c.ret) & (c.n - 1), b.Head());
-        EXPECT_EQ(strlen(c.after) + 1 == c.n ? 1u : 0u, CBUF_IsFull(b.h));  // N = 1: empty and full
-        EXPECT_EQ(c.after[0] == '\0' ? 1u : 0u, CBUF_IsEmpty(b.h));
-        EXPECT_EQ(c.after, b.Take(8));
+        EXPECT_EQ(strlen(c.rest) + 1 == c.n ? 1u : 0u, CBUF_IsFull(b.h));  // N = 1: empty and full
+        EXPECT_EQ(c.rest[0] == '\0' ? 1u : 0u, CBUF_IsEmpty(b.h));
+        EXPECT_EQ(c.rest, b.Take(8));
     }
-}
-
-TEST(CircBufWrite, ZeroCopyRunStopsAtTheEndOrBeforeTail)
-{
-    // N, T and U before; the run from H, and whether more room waits at slot 0.
-    const struct { u32 ulNum, ulTail, ulUsed, ulRun, bNext; } kCases[] = {
-        {8, 3, 3, 2, 1},  // H = 6: slots 6 and 7, then 0 and 1
-        {8, 0, 5, 2, 0},  // H = 5: slot 7 stays empty
-        {8, 7, 3, 4, 0},  // H = 2: up to slot 5, short of the end
-        {8, 5, 0, 3, 1},  // empty at 5: to the end, then 0 to 3
-        {1, 0, 0, 0, 0},
-    };
-    void *pMem = nullptr;
-    u32 ulRun = 9, bNext = 9;
-    for (const auto &c : kCases) {
-        SCOPED_TRACE(c.ulTail);
-        Buf b(c.ulNum);
-        b.Start(c.ulTail, std::string(c.ulUsed, '.'));
-        const u32 ulHead = b.Head();
-        ASSERT_EQ(0u, CBUF_GetWriteMemNum(b.h, &pMem, &ulRun, &bNext));
-        EXPECT_EQ(b.h->pucBuf + ulHead, pMem);
-        EXPECT_EQ(c.ulRun, ulRun);
-        EXPECT_EQ(c.bNext, bNext);
-        ASSERT_EQ(0u, CBUF_SetWriteNum(b.h, ulRun));  // commit of the whole run
-        EXPECT_EQ((ulHead + ulRun) & (c.ulNum - 1), b.Head());
-        EXPECT_EQ(ulRun, b.writes.size());
-    }
+    Buf z(8);
+    z.Start(3, "...");  // H = 6: commit the run to the end, then the one from slot 0
+    ASSERT_EQ(0u, CBUF_GetWriteMemNum(z.h, &pMem, &ulRun, &bNext));
+    ASSERT_EQ(0u, CBUF_SetWriteNum(z.h, ulRun));
+    ASSERT_EQ(0u, CBUF_GetWriteMemNum(z.h, &pMem, &ulRun, &bNext));
+    EXPECT_EQ(z.h->pucBuf, pMem);
+    EXPECT_EQ(0u, bNext);
+    ASSERT_EQ(0u, CBUF_SetWriteNum(z.h, ulRun));
+    EXPECT_EQ((Slots{6, 7, 0, 1}), z.writes);
+    EXPECT_EQ(2u, z.Head());
 }
 
 TEST(CircBufRead, WrapsInOrderPrefetchIsAllOrNothingDropAndResetOfferEachOnce)
@@ -225,15 +226,12 @@ TEST(CircBufArgs, BadArgumentsAreLoggedInArgumentOrder)
     EXPECT_EQ(1u, CBUF_GetWriteMemNum(b.h, &pMem, &ulNum, nullptr));
     EXPECT_EQ(1u, CBUF_TokenLocate(w.h, reinterpret_cast<const u8 *>("x"), 0));  // byte buffers only
     EXPECT_EQ(1u, CBUF_PrintCircBuf(nullptr, nullptr));
-    std::vector<std::string> texts;
-    for (const auto &rec : cap.Records())
-        texts.push_back("[" + rec.level + "]" + rec.text);
     EXPECT_EQ((std::vector<std::string>{
                   "[ERR]pstInit is NULL", "[ERR]init param invalid! ulElemSize=0 ulElemNum=8",
                   "[ERR]init param invalid! ulElemSize=4 ulElemNum=0", "[ERR]buffer size 6 invalid!",
                   "[ERR]hCBuf is invalid", "[ERR]pWriteMem is NULL", "[ERR]pulNum is NULL", "[ERR]pbNext is NULL",
                   "[ERR]seek can only be used in cbuf which elem size is 4", "[ERR]pulOutBufLen is NULL"}),
-              texts);
+              Texts(cap));
 }
 
 TEST(CircBufPrint, NewestFirstAndCutToCapacity)
@@ -253,6 +251,39 @@ TEST(CircBufPrint, NewestFirstAndCutToCapacity)
         EXPECT_EQ(sOut.size(), ulLen);
         EXPECT_EQ(sAll.substr(0, ulCap - 1), sOut);
     }
+}
+
+TEST(CQueue, FirstInFirstOutAcrossTheEndAndFailuresAreLogged)
+{
+    struct Rec { u32 ulId, ulCheck; };  // ulCheck = ~ulId: the whole record travels
+    const auto Push = [](Buf &b, u32 ulId) { const Rec stRec = {ulId, ~ulId}; return CQUE_Push(b.h, &stRec); };
+    Buf q(4, sizeof(Rec), 0, "queue", CQUE_Init), o(4, sizeof(Rec), 1, "queue", CQUE_Init);
+    for (u32 i = 1; i <= 4; ++i)
+        ASSERT_EQ(0u, Push(o, i));
+    ibptest::LogCapture cap;
+    Rec stOut = {77, 0};
+    EXPECT_EQ(1u, CQUE_Pop(q.h, &stOut));
+    EXPECT_EQ(77u, stOut.ulId);  // left unwritten
+    u32 ulNextIn = 0;  // three stay queued while the positions go round the four slots twice
+    for (u32 ulNextOut = 0; ulNextOut < 10; ++ulNextOut) {
+        while (ulNextIn - ulNextOut < 3)
+            ASSERT_EQ(0u, Push(q, ulNextIn++));
+        if (ulNextOut == 0) {
+            EXPECT_EQ(1u, Push(q, 99));  // four slots take three
+        }
+        ASSERT_EQ(0u, CQUE_Pop(q.h, &stOut));
+        EXPECT_EQ(ulNextOut, stOut.ulId);
+        EXPECT_EQ(~ulNextOut, stOut.ulCheck);
+        ASSERT_EQ(ulNextOut + 1, q.reads.size());  // one read callback per pop, on the popped slot
+        EXPECT_EQ(ulNextOut & 3, q.reads.back());
+    }
+    EXPECT_EQ((std::vector<std::string>{"[ERR]CBUF_Read() fail",
+                                        "[WRN]circ buf space not enough! request=1 space=0 maxNum=4",
+                                        "[ERR]CBUF_Write() fail"}),
+              Texts(cap));
+    EXPECT_EQ(Slots{0}, o.reads);  // overwriting: the oldest made way through the read callback
+    ASSERT_EQ(0u, CQUE_Pop(o.h, &stOut));
+    EXPECT_EQ(2u, stOut.ulId);
 }
 
 }  // namespace

@@ -7,8 +7,6 @@
 
 #include "debug/cmd_display.h"
 
-namespace {
-
 TEST(CmdDisplay, AppendsBehindTheTextOnEntryAndCutsToTheRoomLeft)
 {
     // Capacity, text on entry; what the buffer holds after "%-4s|%u" of "ab", 42 and "%s" of "end".
@@ -32,5 +30,3 @@ TEST(CmdDisplay, AppendsBehindTheTextOnEntryAndCutsToTheRoomLeft)
         EXPECT_EQ('#', acBuf[c.ulCap]) << "written past the capacity of " << c.ulCap;
     }
 }
-
-}  // namespace

@@ -7,31 +7,37 @@
 
 using namespace ibptest;
 
-TEST(LibraryStart, EitherProcessAndRefusedRestart)
+TEST(LibraryStart, EitherProcessLogSettersAndRefusedRestart)
 {
     IBP_REQUIRE_ISOLATION();
     LogCapture cap;
-    IBP_INIT_S st = StartRecord(2, LogCapture::Sink());  // any value but 0 is the debug tool
-    ASSERT_EQ(IBP_Init(&st), 0u);
-    EXPECT_STREQ(MOD_GetCurWrokProcName(), "DT");
-    EXPECT_EQ(MOD_GetCurWorkProcID(), MOD_PROC_ID_DT);
-    ASSERT_NE(MOD_GetModuleByID(MOD_ID_DT_CMD), nullptr);
-    // A second start would rebuild queues under running threads: refused, and
-    // the log keeps its start record (the service would have thresholds 3).
-    IBP_INIT_S again = StartRecord(0, LogCapture::Sink(), 3);
-    cap.Clear();
-    EXPECT_EQ(IBP_Init(&again), 1u);
-    EXPECT_EQ(cap.CountPrefix("ibp is running already!"), 1u) << cap.Dump();
-    EXPECT_STREQ(MOD_GetCurWrokProcName(), "DT");
-    EXPECT_EQ(gstLogObj.aulLevel[0], 0u);
-
-    MOD_SysDestroy();
-    st.bIsDt = 0;  // after a stop the other kind of process may start
-    ASSERT_EQ(IBP_Init(&st), 0u) << cap.Dump();
-    EXPECT_STREQ(MOD_GetCurWrokProcName(), "ISP");
-    ASSERT_NE(MOD_GetModuleByID(MOD_ID_ISP_CMD), nullptr);
-    MOD_SysDestroy();
-    IBP_Destroy();
+    // Its _CMD module registers only under the matching process id.
+    const struct { u32 bIsDt; const char *pcName; u32 ulCmdModule; } kProcs[] = {
+        {2, "DT", MOD_ID_DT_CMD},  // any value but 0 is the debug tool
+        {0, "ISP", MOD_ID_ISP_CMD}};
+    for (const auto &p : kProcs) {
+        SCOPED_TRACE(p.pcName);
+        IBP_INIT_S st = StartRecord(p.bIsDt, LogCapture::Sink());
+        ASSERT_EQ(IBP_Init(&st), 0u) << cap.Dump();
+        EXPECT_STREQ(MOD_GetCurWrokProcName(), p.pcName);
+        EXPECT_NE(MOD_GetModuleByID(p.ulCmdModule), nullptr);
+        // A second start would rebuild queues under running threads: refused,
+        // and the log keeps its start record (the other has thresholds 3).
+        IBP_INIT_S again = StartRecord(!p.bIsDt, LogCapture::Sink(), 3);
+        cap.Clear();
+        EXPECT_EQ(IBP_Init(&again), 1u);
+        EXPECT_EQ(cap.CountPrefix("ibp is running already!"), 1u) << cap.Dump();
+        EXPECT_STREQ(MOD_GetCurWrokProcName(), p.pcName);
+        EXPECT_EQ(gstLogObj.aulLevel[LOG_MODULE_BP], 0u);
+        EXPECT_EQ(IBP_SetLogLevelByModule(LOG_MODULE_BP, LOG_LEVEL_ERR), 0u);
+        EXPECT_EQ(gstLogObj.aulLevel[LOG_MODULE_BP], LOG_LEVEL_ERR);
+        EXPECT_EQ(IBP_SetLogFileSizeByModule(LOG_MODULE_BP, 4096), 0u);
+        const std::string last = cap.Records().back().text;
+        EXPECT_TRUE(last.starts_with("set log file ") && last.ends_with(" size to 4096")) << cap.Dump();
+        MOD_SysDestroy();
+        IBP_Destroy();
+        EXPECT_EQ(gstLogObj.bInited, 0u);
+    }
 }
 
 TEST(LibraryStart, FailuresLeaveNothingOpen)

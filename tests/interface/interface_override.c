@@ -1,7 +1,6 @@
-/* A program with an ISP_ZoomIn of its own, as an image library brings one,
- * linked against the shared library: the plain name reaches this function,
- * _ISP_ZoomIn and the entry points not defined here keep the defaults.
- * Plain C11, calling through the header's declarations. Exits 1 on failure. */
+/* A plain C11 program with an ISP_ZoomIn of its own, as an image library brings one, linked against the
+ * shared library: the plain name reaches this function, _ISP_ZoomIn and the entry points not defined here
+ * keep the defaults. Exits 1 on failure. */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <stdio.h>
@@ -30,8 +29,7 @@ static s32 CaptureRecord(const char *pcText)
 
 #define CHECK(cond) ((cond) ? (void)0 : (void)(gFailures++, fprintf(stderr, "line %d: %s\n", __LINE__, #cond)))
 
-/* Exactly one record since the last call: "func entry", info, BP, from
- * isp_interface, naming the default pcFunc. */
+/* Exactly one record since the last call: "func entry", info, BP, from isp_interface, naming pcFunc. */
 static int OneEntryRecord(const char *pcFunc)
 {
     char szTail[128];
@@ -50,14 +48,12 @@ int main(void)
     gulRecords = 0;
     CHECK(ISP_ZoomIn(5u) == 0x105u && gulOwnCalls == 1 && gulRecords == 0); /* ours, no default record */
     CHECK(_ISP_ZoomIn(5u) == ISP_DEFAULT_ERROR && OneEntryRecord("_ISP_ZoomIn"));
-    CHECK(ISP_ZoomOut(5u, "far", 2.5) == ISP_DEFAULT_ERROR && OneEntryRecord("_ISP_ZoomOut"));
-    CHECK(gulOwnCalls == 1);
+    CHECK(ISP_ZoomOut(5u, "far", 2.5) == ISP_DEFAULT_ERROR && OneEntryRecord("_ISP_ZoomOut") && gulOwnCalls == 1);
     /* Other objects that look the name up are bound to this program as well. */
     void *pvOwn = dlsym(RTLD_DEFAULT, "ISP_ZoomIn");
     u32 (*pfnOwn)(u32) = NULL;
     memcpy(&pfnOwn, &pvOwn, sizeof(pfnOwn));
-    CHECK(pfnOwn == ISP_ZoomIn && pvOwn != dlsym(RTLD_DEFAULT, "_ISP_ZoomIn"));
-    CHECK(dlsym(RTLD_DEFAULT, "ISP_ZoomOut") == dlsym(RTLD_DEFAULT, "_ISP_ZoomOut"));
+    CHECK(pfnOwn == ISP_ZoomIn);
     IBP_LOG_Destroy();
     printf("%s\n", gFailures == 0 ? "own ISP_ZoomIn reached; defaults intact" : "checks failed");
     return gFailures != 0;

@@ -34,8 +34,7 @@ long FileSize(const char *path)
 
 void InitMode(u32 mode)
 {
-    LOG_INIT_S init{};
-    init.ulOutputMode = mode;
+    const LOG_INIT_S init{mode, nullptr, {}};
     ASSERT_EQ(IBP_LOG_Init(&init), 0u);
 }
 
@@ -43,8 +42,7 @@ template <typename F> std::string Stdout(F &&fn)
 {
     testing::internal::CaptureStdout();
     fn();
-    fflush(stdout);
-    return testing::internal::GetCapturedStdout();
+    return testing::internal::GetCapturedStdout();  // flushes stdout first
 }
 
 }  // namespace
@@ -59,8 +57,7 @@ TEST(LogRecord, ColumnsNewlinesAndThe1023CharacterCut)
     LOG_Pirnt(0, 3, std::string(70, 'f').c_str(), std::string(30, 'g').c_str(), 12345, "x");
     LOG_Pirnt(0, 1, "f", "fn", 1, "ends in newline\n");
     LOG_Pirnt(0, 1, "f", "fn", 1, "%s", "argument ends in newline\n");  // the format is checked: two
-    // The format is cut before expansion, losing the %d behind the cut; an
-    // overlong expansion is cut in the output function's buffer.
+    // A long format is cut before expansion (losing its %d), a long expansion in the output buffer.
     LOG_Pirnt(0, 3, "f", "fn", 1, (std::string(1100, 'a') + "%d").c_str(), 5);
     LOG_Pirnt(0, 3, "f", "fn", 1, "%s", std::string(10000, 'b').c_str());
     // A composite of 1022 characters still gets its newline; one of 1023 does not.
@@ -73,16 +70,14 @@ TEST(LogRecord, ColumnsNewlinesAndThe1023CharacterCut)
     sscanf(recs[1].raw.c_str(), "%*4d-%2d-%2d %2d:%2d:%2d.%3d%n", &mo, &d, &h, &mi, &sec, &ms, &n);
     EXPECT_TRUE(n == 23 && mo >= 1 && mo <= 12 && d >= 1 && d <= 31 && h <= 23 && mi <= 59 && sec <= 60 &&
                 recs[1].raw.substr(0, 23).find_first_not_of("0123456789-:. ") == std::string::npos) << recs[1].raw;
-    EXPECT_EQ(recs[0].raw.substr(recs[0].raw.size() - 6), "][BP]\n");
     EXPECT_EQ(recs[1].raw.substr(23), " isp_log-535         @IBP_LOG_Init             [WRN][AWB]value 7 of x\n");
     EXPECT_EQ(recs[2].raw.substr(23), " " + std::string(63, 'f') + "@" + std::string(30, 'g') + " [ERR][BP]x\n");
-    EXPECT_EQ(recs[3].raw.substr(head), "ends in newline\n");
-    EXPECT_EQ(recs[4].raw.substr(head), "argument ends in newline\n\n");
-    EXPECT_EQ(recs[5].raw.size(), 1023u);
-    EXPECT_EQ(recs[5].text, std::string(recs[5].text.size(), 'a'));
-    EXPECT_EQ(recs[6].raw.size(), 1023u);
-    EXPECT_EQ(recs[7].raw.substr(head), fits + "\n");
-    EXPECT_EQ(recs[8].raw.substr(head), fills);
+    std::vector<std::string> texts;
+    for (size_t i = 3; i < recs.size(); i++)
+        texts.push_back(recs[i].raw.substr(head));
+    EXPECT_EQ(texts, (std::vector<std::string>{"ends in newline\n", "argument ends in newline\n\n",
+                                               std::string(1023 - head, 'a'), std::string(1023 - head, 'b'),
+                                               fits + "\n", fills}));
 }
 
 TEST(LogControl, ThresholdsSettersAndTheirRecords)
@@ -178,11 +173,9 @@ TEST_F(LogFiles, RotatesOnlyAboveTheLimitOfTheFile)
 {
     const long len = SetLimitInRecs(LOG_MODULE_FD, kFd0, LOG_MODULE_FD, 2);
     Rec(LOG_MODULE_FD, 2);
-    EXPECT_EQ(FileSize(kFd0), 2 * len) << "exactly the limit does not rotate";
-    EXPECT_EQ(FileSize(kFd1), -1);
+    EXPECT_EQ(std::pair(FileSize(kFd0), FileSize(kFd1)), std::pair(2 * len, -1L)) << "the limit itself does not rotate";
     Rec();
-    EXPECT_EQ(FileSize(kFd0), -1) << "the record that crosses the limit rotates";
-    EXPECT_EQ(FileSize(kFd1), 3 * len);
+    EXPECT_EQ(std::pair(FileSize(kFd0), FileSize(kFd1)), std::pair(-1L, 3 * len)) << "the crossing record rotates";
     Rec(LOG_MODULE_FD, 2);
     EXPECT_EQ(FileSize(kFd0), 2 * len);
 
@@ -190,13 +183,11 @@ TEST_F(LogFiles, RotatesOnlyAboveTheLimitOfTheFile)
     SetLimitInRecs(LOG_MODULE_WP, kAlg0, LOG_MODULE_AWB, 1);
     Rec(LOG_MODULE_WP);
     Rec(LOG_MODULE_BP);
-    EXPECT_EQ(FileSize(kAlg0), -1);
-    EXPECT_EQ(FileSize(kAlg1), 2 * len);
+    EXPECT_EQ(std::pair(FileSize(kAlg0), FileSize(kAlg1)), std::pair(-1L, 2 * len));
     Rec(LOG_MODULE_AF, 2);
     EXPECT_EQ(FileSize("/var/log/ISP_AF01.log"), -1);
 
-    // A bad module number complains and sets BP's pair: both records land in
-    // the file that the second one rotates.
+    // A bad module number complains and sets BP's pair: the second record rotates both out.
     SetLimitInRecs(LOG_MODULE_BP, kAlg0, LOG_MODULE_BP, 1000);
     IBP_LOG_SetFileSizeByModule(12, 1);
     EXPECT_EQ(FileSize(kAlg0), -1);
@@ -228,10 +219,8 @@ TEST_F(LogFiles, UnwritableDirectoryAndRestart)
     EXPECT_GT(FileSize(kFd0), 0);
 }
 
-// Two writers cross the size limit together in every round (the file is
-// filled up to the limit first), then both files are read back: a rotation
-// that is not serialised deletes the generation the other writer has just
-// saved, or saves a partial one in its place.
+// Two writers cross the size limit together in every round (the file is filled up to it first): a rotation
+// that is not serialised deletes the generation the other writer has just saved, or saves a partial one.
 TEST_F(LogFiles, ConcurrentRotationLosesNoGeneration)
 {
     const long limit = 4 * SetLimitInRecs(LOG_MODULE_FD, kFd0, LOG_MODULE_FD, 4);
@@ -265,8 +254,7 @@ TEST_F(LogFiles, ConcurrentRotationLosesNoGeneration)
         sync.arrive_and_wait();
         sync.arrive_and_wait();
         EXPECT_GT(FileSize(kFd1), limit) << "the backup holds a whole generation; round " << last;
-        // Older records go with their generations; the kept ones are there
-        // once each, this round's of both writers always.
+        // Older records go with their generations; kept ones are there once, this round's two always.
         std::map<std::string, int> seen;
         std::istringstream in(ReadFile(kFd1) + ReadFile(kFd0));
         for (std::string line; std::getline(in, line);)

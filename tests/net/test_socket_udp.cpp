@@ -8,7 +8,9 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "harness/log_capture.h"
@@ -17,10 +19,11 @@
 
 namespace {
 
-SKT_SOCK_INFO_S UdpInfo(u32 enRole, const char *pcLocalIp, u16 usLocalPort, u32 ulModuleID = 0)
+SKT_SOCK_INFO_S UdpInfo(u32 enRole, const char *pcLocalIp, u16 usLocalPort)
 {
     // Buffer sizes are a TCP matter: a UDP endpoint must leave the system's.
-    return {ulModuleID, enRole, inet_addr(pcLocalIp), htons(usLocalPort), inet_addr("127.0.0.1"), htons(7002), 4096, 4096, 0, 2000};
+    return {0, enRole, inet_addr(pcLocalIp), htons(usLocalPort), inet_addr("127.0.0.1"), htons(7002),
+            4096, 4096, 0, 2000};
 }
 
 struct Udp {
@@ -54,11 +57,9 @@ TEST(SocketUdp, OptionsBindingDisplayAndABindFailureThatLeavesTheListAsItWas)
     int plain = socket(AF_INET, SOCK_DGRAM, 0);
     const int lDefSnd = SockOption(plain, SO_SNDBUF), lDefRcv = SockOption(plain, SO_RCVBUF);
     close(plain);
-    SKT_SOCK_INFO_S stInfo = UdpInfo(SKT_ROLE_CLIENT, "127.0.0.1", 7001, 0x90000002);
-    stInfo.ulRemoteIp = inet_addr("127.0.0.9");
-    stInfo.usRemotePort = htons(65535);
-    stInfo.lTimeOut = -1;
-    Udp srv(UdpInfo(SKT_ROLE_SERVER, "127.0.0.1", 7001)), cli(stInfo);
+    const u32 ulLo = inet_addr("127.0.0.1");
+    Udp srv(UdpInfo(SKT_ROLE_SERVER, "127.0.0.1", 7001)),
+        cli({0x90000002, SKT_ROLE_CLIENT, ulLo, htons(7001), inet_addr("127.0.0.9"), htons(65535), 4096, 4096, 0, -1});
     for (Udp *pU : {&srv, &cli}) {
         ASSERT_NE(nullptr, pU->h);
         SCOPED_TRACE(pU->h->enRole);
@@ -71,13 +72,14 @@ TEST(SocketUdp, OptionsBindingDisplayAndABindFailureThatLeavesTheListAsItWas)
         socklen_t len = sizeof(stAddr);
         ASSERT_EQ(0, getsockname(fd, reinterpret_cast<sockaddr *>(&stAddr), &len));
         const bool bServer = pU == &srv;  // only the server binds
-        EXPECT_EQ(bServer ? inet_addr("127.0.0.1") : 0u, stAddr.sin_addr.s_addr);
+        EXPECT_EQ(bServer ? ulLo : 0u, stAddr.sin_addr.s_addr);
         EXPECT_EQ(bServer ? htons(7001) : 0, stAddr.sin_port);
     }
     char acFds[2][16];  // newest first
     snprintf(acFds[0], sizeof(acFds[0]), "%-10d", SKT_GetSocketFD(cli.h));
     snprintf(acFds[1], sizeof(acFds[1]), "%-10d", SKT_GetSocketFD(srv.h));
-    const std::string sHead = "SocketFd   ModuleID   IPAddr           Port     TCP/UDP    Server/Client    Status     Timeout(ms) \n";
+    const std::string sHead = "SocketFd   ModuleID   IPAddr           Port     TCP/UDP    "
+                              "Server/Client    Status     Timeout(ms) \n";
     const std::string sAll =
         sHead + acFds[0] + " 0x90000002 127.0.0.9        65535    UDP        Client           0          -1         \n" +
         acFds[1] + " 0          127.0.0.1        7002     UDP        Server           0          2000       \n";
@@ -85,8 +87,8 @@ TEST(SocketUdp, OptionsBindingDisplayAndABindFailureThatLeavesTheListAsItWas)
     EXPECT_EQ(sAll.substr(0, 119), Display(120));  // one byte goes to the terminator
     const int lFree = LowestFreeFd();
     ibptest::LogCapture cap;
-    stInfo = UdpInfo(SKT_ROLE_SERVER, "192.0.2.1", 7009);  // not in this namespace
-    EXPECT_EQ(nullptr, SKT_UdpInit(&stInfo));
+    const SKT_SOCK_INFO_S stAway = UdpInfo(SKT_ROLE_SERVER, "192.0.2.1", 7009);  // not in this namespace
+    EXPECT_EQ(nullptr, SKT_UdpInit(&stAway));
     EXPECT_LOG(cap, "ERR", "BP", "bind socket failed! error:Cannot assign requested address lSocket:" +
                                      std::to_string(lFree) + " localip:192.0.2.1 port:7009");
     EXPECT_EQ(sAll, Display());
@@ -95,8 +97,7 @@ TEST(SocketUdp, OptionsBindingDisplayAndABindFailureThatLeavesTheListAsItWas)
         SKT_HANDLE h = pU->h;
         s32 fd = SKT_GetSocketFD(h);
         SKT_UdpDestroy(&pU->h);
-        EXPECT_EQ(h, pU->h);  // the caller's variable is left as it was
-        pU->h = nullptr;
+        EXPECT_EQ(h, std::exchange(pU->h, nullptr));  // the caller's variable is left as it was
         EXPECT_EQ(-1, fcntl(fd, F_GETFD));
     }
     EXPECT_EQ(sHead, Display());
@@ -135,56 +136,48 @@ TEST(SocketArgs, AbsentArgumentsInArgumentOrderAndUnknownInterfaces)
     IBP_REQUIRE_ISOLATION();
     Udp u(UdpInfo(SKT_ROLE_CLIENT, "127.0.0.1", 0));
     ASSERT_NE(nullptr, u.h);
-    const std::string sFd = std::to_string(u.h->lSocket);
     u8 aucMac[6] = {0xaa, 0xaa, 0xaa, 0xaa, 0xaa, 0xaa}, aucBuf[4] = {};
     u32 ulLen = sizeof(aucBuf), ulZero = 0, ulRetry = 1, ulSleep = 1;
-    SKT_HANDLE hNone = nullptr, ah[2] = {u.h, nullptr};
+    SKT_SOCKET_CB_S stBad = *u.h;
+    stBad.lSocket = -1;
+    SKT_HANDLE hNone = nullptr, ah[2] = {u.h, nullptr}, ahBad[2] = {&stBad, nullptr};
     ibptest::LogCapture cap;
     EXPECT_EQ(1u, SKT_GetMacAddr("nosuchif0", aucMac));  // no record: a missing interface is no fault
     EXPECT_EQ(1u, SKT_GetMacAddr("lo-and-some-more-text", aucMac));  // cut to 15: still no interface
     EXPECT_EQ(std::vector<u8>(6, 0xaa), std::vector<u8>(aucMac, aucMac + 6));
     EXPECT_EQ(0u, SKT_GetMacAddr("lo", aucMac));
     EXPECT_EQ(std::vector<u8>(6, 0), std::vector<u8>(aucMac, aucMac + 6));
-    EXPECT_EQ(nullptr, SKT_UdpInit(nullptr));
-    EXPECT_EQ(nullptr, SKT_TcpInit(nullptr));
-    EXPECT_EQ(-1, SKT_GetSocketFD(nullptr));
-    SKT_UdpDestroy(nullptr);
-    SKT_UdpDestroy(&hNone);
-    SKT_TcpDestroy(nullptr);
-    EXPECT_EQ(1u, SKT_GetMacAddr(nullptr, nullptr));
-    EXPECT_EQ(1u, SKT_GetMacAddr("lo", nullptr));
-    EXPECT_EQ(1u, SKT_PrintSock(nullptr, nullptr));
-    EXPECT_EQ(1u, SKT_TcpConnect(nullptr));
-    EXPECT_EQ(1u, SKT_TcpConnect(u.h));  // a UDP endpoint stays in status 0
-    EXPECT_EQ(1u, SKT_TcpRecv(nullptr, 0, &ulLen, aucBuf));
-    EXPECT_EQ(1u, SKT_TcpRecv(u.h, 0, nullptr, aucBuf));
-    EXPECT_EQ(1u, SKT_TcpRecv(u.h, 0, &ulLen, nullptr));
-    EXPECT_EQ(1u, SKT_TcpRecv(u.h, 0, &ulZero, aucBuf));
-    EXPECT_EQ(1u, SKT_TcpRecv(u.h, 0, &ulLen, aucBuf));
-    EXPECT_EQ(-1, SKT_TcpSend(nullptr, 4, aucBuf, &ulRetry, &ulSleep));
-    EXPECT_EQ(1, SKT_TcpSend(u.h, 4, nullptr, &ulRetry, &ulSleep));
-    EXPECT_EQ(1, SKT_TcpSend(u.h, 4, aucBuf, nullptr, &ulSleep));
-    EXPECT_EQ(1, SKT_TcpSend(u.h, 4, aucBuf, &ulRetry, nullptr));
-    EXPECT_EQ(-1, SKT_TcpSend(u.h, 4, aucBuf, &ulRetry, &ulSleep));
-    EXPECT_EQ(1u, SKT_TcpPollSock(0, ah, 10));
-    EXPECT_EQ(1u, SKT_TcpPollSock(2, ah, 10));
-    u.h->lSocket = -1;  // the first bad element is the one named
-    EXPECT_EQ(1u, SKT_TcpPollSock(2, ah, 10));
-    u.h->lSocket = std::stoi(sFd);
-    std::vector<std::string> texts;
-    for (const auto &rec : cap.Records())
-        texts.push_back("[" + rec.level + "]" + rec.text);
-    EXPECT_EQ((std::vector<std::string>{
-                  "[ERR]pstSockInfo is NULL", "[ERR]pstSockInfo is NULL", "[ERR]pstSocketCB is NULL",
-                  "[ERR]phSocket is NULL", "[ERR]*ppstSocketCB is NULL", "[ERR]phSocket is NULL",
-                  "[ERR]pcNetName is NULL!", "[ERR]pucMacAddr is NULL!", "[ERR]pulOutBufLen is NULL",
-                  "[ERR]pstSocketCB is NULL", "[WRN]socket status 0 error!", "[ERR]pstSocketCB is NULL",
-                  "[ERR]pulDataLen is NULL", "[ERR]pucBuf is NULL", "[ERR]Param illegal, datalen is 0",
-                  "[ERR]Param illegal, enSockStatus:0, lSocket:" + sFd, "[ERR]pstSocketCB is NULL!",
-                  "[ERR]pucBuf is NULL", "[ERR]pulRetryNum is NULL", "[ERR]pulSleepTime is NULL",
-                  "[ERR]Param illegal! enSockStatus:0 lSocket:" + sFd, "[ERR]invalid socket number",
-                  "[ERR]pstSocketCB is NULL", "[ERR]i:0 lSocket:-1 illegal"}),
-              texts);
+    EXPECT_EQ(0u, cap.Records().size());
+    // Return value, the call, its one error record; a void call gives 0.
+    const struct { long ret; std::function<long()> call; const char *text; } kRows[] = {
+        {1, [] { return long(SKT_UdpInit(nullptr) == nullptr); }, "pstSockInfo is NULL"},
+        {1, [] { return long(SKT_TcpInit(nullptr) == nullptr); }, "pstSockInfo is NULL"},
+        {-1, [] { return long(SKT_GetSocketFD(nullptr)); }, "pstSocketCB is NULL"},
+        {0, [] { SKT_UdpDestroy(nullptr); return 0L; }, "phSocket is NULL"},
+        {0, [&] { SKT_UdpDestroy(&hNone); return 0L; }, "*ppstSocketCB is NULL"},
+        {0, [] { SKT_TcpDestroy(nullptr); return 0L; }, "phSocket is NULL"},
+        {1, [] { return long(SKT_GetMacAddr(nullptr, nullptr)); }, "pcNetName is NULL!"},
+        {1, [] { return long(SKT_GetMacAddr("lo", nullptr)); }, "pucMacAddr is NULL!"},
+        {1, [] { return long(SKT_PrintSock(nullptr, nullptr)); }, "pulOutBufLen is NULL"},
+        {1, [] { return long(SKT_TcpConnect(nullptr)); }, "pstSocketCB is NULL"},
+        {1, [&] { return long(SKT_TcpRecv(nullptr, 0, &ulLen, aucBuf)); }, "pstSocketCB is NULL"},
+        {1, [&] { return long(SKT_TcpRecv(u.h, 0, nullptr, aucBuf)); }, "pulDataLen is NULL"},
+        {1, [&] { return long(SKT_TcpRecv(u.h, 0, &ulLen, nullptr)); }, "pucBuf is NULL"},
+        {1, [&] { return long(SKT_TcpRecv(u.h, 0, &ulZero, aucBuf)); }, "Param illegal, datalen is 0"},
+        {-1, [&] { return long(SKT_TcpSend(nullptr, 4, aucBuf, &ulRetry, &ulSleep)); }, "pstSocketCB is NULL!"},
+        {1, [&] { return long(SKT_TcpSend(u.h, 4, nullptr, &ulRetry, &ulSleep)); }, "pucBuf is NULL"},
+        {1, [&] { return long(SKT_TcpSend(u.h, 4, aucBuf, nullptr, &ulSleep)); }, "pulRetryNum is NULL"},
+        {1, [&] { return long(SKT_TcpSend(u.h, 4, aucBuf, &ulRetry, nullptr)); }, "pulSleepTime is NULL"},
+        {1, [&] { return long(SKT_TcpPollSock(0, ah, 10)); }, "invalid socket number"},
+        {1, [&] { return long(SKT_TcpPollSock(2, ah, 10)); }, "pstSocketCB is NULL"},
+        {1, [&] { return long(SKT_TcpPollSock(2, ahBad, 10)); }, "i:0 lSocket:-1 illegal"},  // the first bad one
+    };
+    for (const auto &r : kRows) {
+        cap.Clear();
+        EXPECT_EQ(r.ret, r.call()) << r.text;
+        EXPECT_EQ(1u, cap.Count("ERR", "BP", r.text)) << cap.Dump();
+        EXPECT_EQ(1u, cap.Records().size()) << cap.Dump();
+    }
 }
 
 }  // namespace

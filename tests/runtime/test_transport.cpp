@@ -60,11 +60,11 @@ TEST(TwoProcesses, BurstOfAsyncRecordsArrivesWhole)
     MOD_SysDestroy();
     IBP_Destroy();
     EXPECT_EQ(lStatus, 0);  // exited, status 0
-    const auto msgs = rec.Msgs();
-    ASSERT_EQ(msgs.size(), 1001u) << cap.Dump();
-    EXPECT_EQ(msgs.back().hdr.enMsgType, static_cast<u32>(MSG_TYPE_SYNC_REQ));  // after all the others
+    const auto bodies = rec.Bodies();
+    ASSERT_EQ(bodies.size(), 1001u) << cap.Dump();
+    EXPECT_EQ(rec.Hdrs().back().enMsgType, static_cast<u32>(MSG_TYPE_SYNC_REQ));  // after all the others
     // Each body whole: the debug tool checked the echo of the last.
-    EXPECT_EQ(std::count_if(msgs.begin(), msgs.end(), [&](auto &m) { return m.body == msgs.back().body; }), 1001);
+    EXPECT_EQ(std::count(bodies.begin(), bodies.end(), bodies.back()), 1001);
 }
 
 TEST(Wire, FirstCommandRequestOfTheDebugTool)
@@ -109,7 +109,6 @@ protected:
         if (!up_)
             return;
         MOD_UnregModule(img_);
-        MOD_UnregMsgProc(MOD_ID_ISP_CMD, 0);
         MOD_SysDestroy();
         IBP_Destroy();
     }
@@ -122,7 +121,7 @@ protected:
     bool up_ = false;
 };
 
-TEST_F(Service, FindsMessagesAcrossDatagramBoundaries)
+TEST_F(Service, FindsMessagesAcrossDatagramsAndStepsOverJunk)
 {
     Send(FromDt(MSG_TYPE_ASYNC_REQ, 1, MOD_ID_ISP_IMG, "first") +
          FromDt(MSG_TYPE_ASYNC_REQ, 2, MOD_ID_ISP_IMG, "second"));  // two in one datagram
@@ -130,16 +129,6 @@ TEST_F(Service, FindsMessagesAcrossDatagramBoundaries)
     Send(Bytes(c.begin(), c.begin() + 30));  // not even a whole header
     Send(Bytes(c.begin() + 30, c.end()));
     Send(Bytes{0x35, 0x23, 0x12, 0x00, 'x', 0xdf} + FromDt(MSG_TYPE_ASYNC_REQ, 4, MOD_ID_ISP_IMG, "after garbage"));
-    ASSERT_TRUE(rec_.WaitFor(4)) << cap_.Dump();
-    EXPECT_EQ(rec_.Bodies(),
-              (std::vector<std::string>{"first", "second", "split over two datagrams", "after garbage"}));
-    const MSG_HDR_S h = rec_.Msgs()[0].hdr;
-    EXPECT_EQ(h.ulPeerAddr, htonl(INADDR_LOOPBACK));  // the sender, in network order
-    EXPECT_EQ(h.usPeerPort, htons(kDtPort));
-}
-
-TEST_F(Service, DropsUnknownDestinationsAndStepsOverBadHeaders)
-{
     Send(FromDt(MSG_TYPE_ASYNC_REQ, 5, MOD_ID_DT_CLI, "not here"));
     Bytes bad = FromDt(MSG_TYPE_ASYNC_REQ, 6, MOD_ID_ISP_IMG, "bad length");
     bad[16] = 47;  // ulMsgLen below a header
@@ -148,8 +137,9 @@ TEST_F(Service, DropsUnknownDestinationsAndStepsOverBadHeaders)
                            std::string(9000 - MSG_HDR_LEN, 'h'));
     huge.resize(MSG_HDR_LEN);
     Send(bad + huge + FromDt(MSG_TYPE_ASYNC_REQ, 8, MOD_ID_ISP_IMG, "good"));
-    ASSERT_TRUE(rec_.WaitFor(1)) << cap_.Dump();
-    EXPECT_EQ(rec_.Bodies(), std::vector<std::string>{"good"});
+    ASSERT_TRUE(rec_.WaitFor(5)) << cap_.Dump();
+    EXPECT_EQ(rec_.Bodies(),
+              (std::vector<std::string>{"first", "second", "split over two datagrams", "after garbage", "good"}));
     EXPECT_LOG(cap_, "ERR", "BP", "module not found by dest module id 0x91000001!");
     EXPECT_EQ(cap_.CountPrefix("drop msg: prefix=[0x35 0x23 0x12 0xdf] id=[0x5 0] type=2 len=[56 8]"), 1u);
     EXPECT_LOG(cap_, "ERR", "BP", "message len error! ulMsgLen=47 < 48");
@@ -173,13 +163,11 @@ TEST_F(Service, KeepsServingAfterRandomDatagrams)
     RawPeer client(7100);
     const Bytes probe = Bytes(100, 0) + FromDt(MSG_TYPE_SYNC_REQ, 0x10002, MOD_ID_ISP_IMG, "still there?", 41);
     ASSERT_TRUE(client.SendTo(kIspPort, probe));
-    // The ack turns the request's identifiers round and keeps its peer fields (its sender's).
+    // The ack turns the request's identifiers round and keeps its peer fields: the sender's, in network order.
     Bytes want = MakeBlock(MSG_TYPE_SYNC_ACK, 0x10002, MOD_ID_ISP_IMG, MOD_PROC_MODULE_ID, MOD_PROC_ID_ISP,
                            MOD_PROC_ID_DT, "still there?", 41);
-    const u32 ulPeer = htonl(INADDR_LOOPBACK);
-    const u16 usPort = htons(7100);
-    memcpy(&want[40], &ulPeer, 4);
-    memcpy(&want[44], &usPort, 2);
+    reinterpret_cast<MSG_HDR_S *>(want.data())->ulPeerAddr = htonl(INADDR_LOOPBACK);
+    reinterpret_cast<MSG_HDR_S *>(want.data())->usPeerPort = htons(7100);
     // Acks of random sync requests may come first; the flood may overflow the
     // socket's buffer and drop the probe as well, so it is sent again after a silent wait.
     Bytes ack;
@@ -191,7 +179,7 @@ TEST_F(Service, KeepsServingAfterRandomDatagrams)
     EXPECT_EQ(ack, want);
 }
 
-TEST_F(Service, SyncAsyncAndForwardInsideTheProcess)
+TEST_F(Service, SyncAsyncForwardAndTimeOutsInsideTheProcess)
 {
     rec_.ulForwardID = 0x33;
     rec_.ulForwardTo = MOD_ID_ISP_CMD;
@@ -201,7 +189,7 @@ TEST_F(Service, SyncAsyncAndForwardInsideTheProcess)
     const auto *pAck = static_cast<const MSG_HDR_S *>(hAck->pMem);
     EXPECT_EQ(pAck->enMsgType, static_cast<u32>(MSG_TYPE_SYNC_ACK));
     EXPECT_EQ(pAck->ulDstModuleID, MOD_PROC_MODULE_ID);
-    EXPECT_EQ(pAck->ulAssMsgID, rec_.Msgs().at(0).hdr.ulAssMsgID);
+    EXPECT_EQ(pAck->ulAssMsgID, rec_.Hdrs().at(0).ulAssMsgID);
     MSG_Destroy(hAck);
 
     // Async, forwarded by ISP_IMG's handler to ISP_CMD with its source kept.
@@ -209,30 +197,27 @@ TEST_F(Service, SyncAsyncAndForwardInsideTheProcess)
     ASSERT_EQ(MOD_RegMsgProc(MOD_ID_ISP_CMD, 0, Recorder::Handle, &cmdRec), 0u);
     ASSERT_EQ(MSG_SendAsyncMsg(MOD_ID_ISP_IMG, 0x33, MSG_Create("fwd", 3)), 0u);
     ASSERT_TRUE(cmdRec.WaitFor(1)) << cap_.Dump();
-    const MSG_HDR_S f = cmdRec.Msgs()[0].hdr;
+    const MSG_HDR_S f = cmdRec.Hdrs()[0];
     EXPECT_EQ(f.enMsgType, static_cast<u32>(MSG_TYPE_ASYNC_REQ));
     EXPECT_EQ(f.ulSrcModuleID, MOD_PROC_MODULE_ID);
     EXPECT_EQ(f.ulDstModuleID, MOD_ID_ISP_CMD);
     EXPECT_EQ(cmdRec.Bodies(), std::vector<std::string>{"fwd"});
     ASSERT_EQ(MOD_UnregMsgProc(MOD_ID_ISP_CMD, 0), 0u);  // before cmdRec goes
-}
 
-TEST_F(Service, SyncTimeOutCountsSleepsNotTheClock)
-{
+    // Time-outs count sleeps, not the clock. ISP_SendSyncMsg frees a request that was never queued,
+    // and never one that was: that one is the runtime's (ASan sees a leak or a double free).
     ASSERT_EQ(MOD_UnregMsgProc(img_, 0), 0u);  // requests are dropped unanswered
-    for (u32 ulTimeout : {0u, 25u}) {
-        MSG_HANDLE hAck = nullptr;
-        EXPECT_EQ(MSG_SendSyncMsg(MOD_ID_ISP_IMG, 0x40, MSG_Create("q", 1), ulTimeout, &hAck), 1u);
-        EXPECT_EQ(hAck, nullptr);
-    }
+    ISP_MSG_S stReq{MOD_ID_ISP_IMG, 0, 0, 0, 0x40, 0};
+    ISP_MSG_S *pstAck = nullptr;
+    for (u32 ulTimeout : {0u, 25u})
+        EXPECT_EQ(ISP_SendSyncMsg(&stReq, ulTimeout, &pstAck), 1u);
+    EXPECT_EQ(pstAck, nullptr);
     EXPECT_EQ(cap_.CountPrefix("wait ack message timeout! waitTime=10 timeoutTime=0 msgId=0x40 "), 1u) << cap_.Dump();
     EXPECT_EQ(cap_.CountPrefix("wait ack message timeout! waitTime=30 timeoutTime=25 msgId=0x40 "), 1u);
-    // A request that was never queued is freed once (ASan sees a leak or a double free).
-    ISP_MSG_S stReq{0x12345678, 0, 0, 0, 0x40, 0};  // no such module
-    ISP_MSG_S *pstAck = nullptr;
+    stReq.ulDstModuleID = 0x12345678;  // no such module
     EXPECT_EQ(ISP_SendSyncMsg(&stReq, 0, &pstAck), 1u);
     EXPECT_LOG(cap_, "ERR", "BP", "get module cfg by id 0x12345678 failed");
-    EXPECT_LOG(cap_, "ERR", "BP", "send sync raw message fail");
+    EXPECT_EQ(cap_.Count("ERR", "BP", "send sync raw message fail"), 3u);
 }
 
 }  // namespace

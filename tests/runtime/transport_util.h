@@ -76,10 +76,6 @@ private:
 // Catch-all handler that records what a module receives, answers synchronous
 // requests with an echo of the body and forwards a clone of one message id.
 struct Recorder {
-    struct Msg {
-        MSG_HDR_S hdr;
-        std::string body;
-    };
     u32 ulForwardID = 0, ulForwardTo = 0;  // set before the first message comes
 
     static u32 Handle(u32, MSG_HANDLE hMsg, void *pParam)
@@ -91,7 +87,8 @@ struct Recorder {
         const MSG_HDR_S hdr = *static_cast<MSG_HDR_S *>(hMsg->pMem);
         {  // recorded before answering, so that whoever got the answer finds the record
             std::lock_guard<std::mutex> lock(self->mu_);
-            self->msgs_.push_back({hdr, std::string(static_cast<char *>(pBody), ulLen)});
+            self->hdrs_.push_back(hdr);
+            self->bodies_.emplace_back(static_cast<char *>(pBody), ulLen);
         }
         self->sem_.release();
         if (hdr.enMsgType == MSG_TYPE_SYNC_REQ)
@@ -103,28 +100,27 @@ struct Recorder {
     // Waits until n messages have arrived in all; 5 s is a safety bound only.
     bool WaitFor(size_t n)
     {
-        while (Msgs().size() < n)
+        while (Bodies().size() < n)
             if (!sem_.try_acquire_for(std::chrono::seconds(5)))
                 return false;
         return true;
     }
-    std::vector<Msg> Msgs()
+    std::vector<MSG_HDR_S> Hdrs()
     {
         std::lock_guard<std::mutex> lock(mu_);
-        return msgs_;
+        return hdrs_;
     }
     std::vector<std::string> Bodies()
     {
-        std::vector<std::string> v;
-        for (const Msg &m : Msgs())
-            v.push_back(m.body);
-        return v;
+        std::lock_guard<std::mutex> lock(mu_);
+        return bodies_;
     }
 
 private:
     std::counting_semaphore<> sem_{0};
     std::mutex mu_;
-    std::vector<Msg> msgs_;
+    std::vector<MSG_HDR_S> hdrs_;
+    std::vector<std::string> bodies_;
 };
 
 inline IBP_INIT_S StartRecord(u32 bIsDt, LOG_OUTPUT_PFN pfnOutput, u32 ulLevel = 0)

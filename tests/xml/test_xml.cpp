@@ -1,14 +1,13 @@
-// Opening XML documents (plain and from zip archives), path lookup, the value readers, batch tables,
-// matrices and the argument checks. Every file lives in the test's private /tmp.
+// Opening XML documents (plain and zipped), path lookup, readers, batch tables, matrices; files in a private /tmp.
 #include <gtest/gtest.h>
 #include <mxml.h>
-#include <sys/stat.h>
+#include <unistd.h>
 
 #include <climits>
 #include <cstddef>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <string>
 #include <tuple>
@@ -24,22 +23,17 @@ using Texts = std::vector<std::string>;
 
 void WriteFile(const std::string &path, const std::string &data)
 {
-    FILE *fp = fopen(path.c_str(), "wb");
-    ASSERT_NE(fp, nullptr) << path;
-    ASSERT_EQ(fwrite(data.data(), 1, data.size(), fp), data.size());
-    fclose(fp);
+    ASSERT_TRUE(std::ofstream(path, std::ios::binary) << data) << path;
 }
-
-bool Exists(const std::string &path) { struct stat st {}; return lstat(path.c_str(), &st) == 0; }
 
 std::string WithDecl(const std::string &body) { return "<?xml version=\"1.0\"?>\n" + body + "\n"; }
 
-// The texts of all captured records in order, each after its level name if asked.
-Texts TextsOf(const ibptest::LogCapture &cap, bool bLevel = false)
+// "LEVEL text" of every captured record, in order.
+Texts TextsOf(const ibptest::LogCapture &cap)
 {
     Texts out;
     for (const auto &rec : cap.Records())
-        out.push_back(bLevel ? rec.level + " " + rec.text : rec.text);
+        out.push_back(rec.level + " " + rec.text);
     return out;
 }
 
@@ -63,12 +57,13 @@ protected:
 // <d><d>...<leaf>3</leaf>...</d></d>, `levels` deep, short of `missing` end tags.
 std::string Deep(int levels, int missing = 0)
 {
-    std::string sOpen, sClose;
-    for (int i = 0; i < levels; ++i) {
-        sOpen += "<d>";
-        sClose += i < missing ? "" : "</d>";
-    }
-    return sOpen + "<leaf>3</leaf>" + sClose;
+    std::string s;
+    for (int i = 0; i < levels; ++i)
+        s += "<d>";
+    s += "<leaf>3</leaf>";
+    for (int i = missing; i < levels; ++i)
+        s += "</d>";
+    return s;
 }
 
 TEST_F(XmlTest, BadArgumentsAreNamedInArgumentOrder)
@@ -111,62 +106,76 @@ TEST_F(XmlTest, BadArgumentsAreNamedInArgumentOrder)
         SCOPED_TRACE(c.text);
         cap.Clear();
         EXPECT_TRUE(c.call());
-        EXPECT_EQ(TextsOf(cap, true), Texts{std::string("ERR ") + c.text});
+        EXPECT_EQ(TextsOf(cap), Texts{std::string("ERR ") + c.text});
     }
 }
 
-TEST_F(XmlTest, OpenFailuresGiveARecordPair)
+TEST_F(XmlTest, FailedOpensGiveARecordPair)
 {
     ibptest::LogCapture cap;
     EXPECT_EQ(XML_InitLensFile("/tmp/none.xml"), nullptr);
-    EXPECT_EQ(TextsOf(cap), (Texts{"fopen file /tmp/none.xml fail", "xml init /tmp/none.xml fail!"}));
+    EXPECT_EQ(TextsOf(cap), (Texts{"ERR fopen file /tmp/none.xml fail", "ERR xml init /tmp/none.xml fail!"}));
     EXPECT_EQ(cap.Records().back().func, "XML_InitLensFile");
     const std::string bad[] = {
-        "",
-        WithDecl("<cfg><a>1</a>"),       // missing end tag
-        WithDecl("<cfg><a><b>1</cfg>"),  // missing nested end tags
-        WithDecl("<cfg><a>1</b></cfg>"),
-        std::string("<cfg>\0\x01</cfg>", 13),
-        WithDecl(std::string(20000, '<')),
-        WithDecl(Deep(100000, 10)),
+        "", WithDecl("<cfg><a>1</a>"), WithDecl("<cfg><a><b>1</cfg>"), WithDecl("<cfg><a>1</b></cfg>"),
+        std::string("<cfg>\0\x01</cfg>", 13), WithDecl(std::string(20000, '<')), WithDecl(Deep(100000, 10)),
     };
     for (const std::string &text : bad) {
         SCOPED_TRACE(text.substr(0, 60));
         cap.Clear();
         WriteFile("/tmp/bad.xml", text);
         EXPECT_EQ(XML_Init("/tmp/bad.xml", nullptr), nullptr);
-        EXPECT_EQ(TextsOf(cap), (Texts{"mxmlLoadFile fail", "xml init /tmp/bad.xml fail!"}));
+        EXPECT_EQ(TextsOf(cap), (Texts{"ERR mxmlLoadFile fail", "ERR xml init /tmp/bad.xml fail!"}));
         EXPECT_EQ(cap.Records().back().func, "XML_Init");
     }
+    // Names the shell would interpret are refused before anything runs, so these need no child process.
+    const std::pair<const char *, const char *> names[] = {
+        {"a.xml;touch /tmp/pwned", "/tmp/p.zip"}, {"$(touch /tmp/pwned)", "/tmp/p.zip"},
+        {"a.xml", "/tmp/p.zip|touch /tmp/pwned"}, {"a.xml", "`touch /tmp/pwned`"},
+        {"a.xml&&touch${IFS}/tmp/pwned", "/tmp/p.zip"}, {"a xml", "/tmp/p.zip"},
+        {"*.xml", "/tmp/p.zip"}, {"-x.xml", "/tmp/p.zip"}, {"a.xml", "-d"},
+        {"", "/tmp/p.zip"}, {"a.xml", ""}, {"sub/../../a.xml", "/tmp/p.zip"}, {"sub/", "/tmp/p.zip"},
+    };
+    for (const auto &[member, archive] : names) {
+        SCOPED_TRACE(std::string(member) + " in " + archive);
+        cap.Clear();
+        EXPECT_EQ(XML_Init(member, archive), nullptr);
+        const Texts texts = TextsOf(cap);
+        ASSERT_EQ(texts.size(), 2u) << cap.Dump();
+        EXPECT_EQ(texts[0].rfind("ERR refuse file name ", 0), 0u) << texts[0];
+        EXPECT_EQ(texts[1], std::string("ERR xml init ") + member + " fail!");
+    }
+    EXPECT_NE(access("/tmp/pwned", F_OK), 0);
 }
 
-TEST_F(XmlTest, InitAndLensFileGiveTheSameDocument)
+TEST_F(XmlTest, BothOpenCallsLoadLongPathsAndDeepNesting)
 {
     const std::string path = "/tmp/" + std::string(140, 'n') + ".xml";
-    WriteFile(path, WithDecl("<cfg><grp><leaf>41</leaf></grp></cfg>"));
+    WriteFile(path, WithDecl("<cfg><h>x</h>" + Deep(100000) + "</cfg>"));
     ibptest::LogCapture cap;
     for (XML_HANDLE h : {XML_Init(path.c_str(), nullptr), XML_InitLensFile(path.c_str())}) {
         ASSERT_NE(h, nullptr);
         EXPECT_EQ(std::string(h->acFileName), path.substr(0, 127));  // a longer path is cut
-        XML_NODE hLeaf = XML_GetNodeset(h, "cfg/grp/leaf");  // the element, not its text node
-        EXPECT_STREQ(mxmlGetElement(hLeaf), "leaf");
-        EXPECT_EQ(XML_GetNodeset(h, "*/leaf"), hLeaf);
+        EXPECT_STREQ(mxmlGetElement(XML_GetNodeset(h, "cfg/h")), "h");  // the element, not its text node
         EXPECT_EQ(XML_GetNodeset(h, "cfg/leaf"), nullptr);
         s32 lValue = 0;
         u32 ulNum = 0;
-        EXPECT_EQ(XML_GetInt(hLeaf, 4, &ulNum, &lValue), 0u);
-        EXPECT_EQ(lValue, 41);
+        EXPECT_EQ(XML_GetInt(XML_GetNodeset(h, "*/leaf"), 4, &ulNum, &lValue), 0u);
+        EXPECT_EQ(lValue, 3);
         XML_Destroy(h);
     }
-    EXPECT_TRUE(cap.Records().empty()) << cap.Dump();  // a missing path is no failure
+    EXPECT_EQ(TextsOf(cap), Texts{});  // a missing path is no failure
 }
 
 // Node v<i> holds text i; each is read into a buffer of 0xA5 bytes that stay untouched past `bytes`.
 TEST_F(XmlTest, ReadersConvertCopyAndRefuse)
 {
     const auto Int = XML_GetInt, Arr = XML_GetIntArray, Str = XML_GetString;
+    const std::string huge(256 * 1024, '7');
     // Reader, element size, text, capacity and count on return, bytes stored, record if any.
-    const struct { XML_GET_VALUE_PFN get; u32 size; const char *text; u32 num, numOut; std::vector<u8> bytes; const char *rec; } cases[] = {
+    const struct {
+        XML_GET_VALUE_PFN get; u32 size; std::string text; u32 num, numOut; std::vector<u8> bytes; const char *rec;
+    } cases[] = {
         {Int, 4, "41", 0, 1, {41, 0, 0, 0}, nullptr},
         {Int, 4, "0x10", 0, 1, {0x10, 0, 0, 0}, nullptr},
         {Int, 4, "010", 0, 1, {8, 0, 0, 0}, nullptr},
@@ -189,6 +198,8 @@ TEST_F(XmlTest, ReadersConvertCopyAndRefuse)
         {Str, 0, "ab", 4, 2, {'a', 'b', 0, 0}, nullptr},
         {Str, 0, "abcde", 4, 4, {}, "WRN output buffer not enough! 5 > 4 "},
         {Str, 0, "", 4, 4, {}, "ERR mxmlGetText v21 fail"},
+        {Str, 0, huge, 8, 8, {}, "WRN output buffer not enough! 262144 > 8 "},
+        {Arr, 4, huge + "," + huge, 2, 2, std::vector<u8>(8, 0xFF), nullptr},  // each saturated
     };
     std::string body = "<cfg><count>1,2,3</count>";
     for (size_t i = 0; i < std::size(cases); ++i)
@@ -198,13 +209,13 @@ TEST_F(XmlTest, ReadersConvertCopyAndRefuse)
     ibptest::LogCapture cap;
     for (size_t i = 0; i < std::size(cases); ++i) {
         const auto &c = cases[i];
-        SCOPED_TRACE("v" + std::to_string(i) + ": " + c.text);
+        SCOPED_TRACE("v" + std::to_string(i) + ": " + c.text.substr(0, 40));
         cap.Clear();
         std::vector<u8> buf(8, 0xA5), expect(c.bytes);
         u32 ulNum = c.num;
         EXPECT_EQ(c.get(doc.Node("cfg/v" + std::to_string(i)), c.size, &ulNum, buf.data()), c.rec ? 1u : 0u);
         EXPECT_EQ(ulNum, c.numOut);
-        EXPECT_EQ(TextsOf(cap, true), c.rec ? Texts{c.rec} : Texts{});
+        EXPECT_EQ(TextsOf(cap), c.rec ? Texts{c.rec} : Texts{});
         expect.resize(buf.size(), 0xA5);
         EXPECT_EQ(buf, expect);
     }
@@ -217,29 +228,10 @@ TEST_F(XmlTest, ReadersConvertCopyAndRefuse)
     EXPECT_EQ(ulNum, 1u);
 }
 
-TEST_F(XmlTest, HugeTextAndDeepNestingLoad)
-{
-    const std::string huge(256 * 1024, '7');
-    Doc doc("<cfg><h>" + huge + "</h><l>" + huge + "," + huge + "</l>" + Deep(100000) + "</cfg>");
-    ASSERT_NE(doc.h, nullptr);
-    ibptest::LogCapture cap;
-    u32 aul[4] = {}, ulNum = 0;
-    EXPECT_EQ(XML_GetInt(doc.Node("*/leaf"), 4, &ulNum, aul), 0u);
-    EXPECT_EQ(aul[0], 3u);
-    ulNum = sizeof(aul);
-    EXPECT_EQ(XML_GetString(doc.Node("cfg/h"), 0, &ulNum, aul), 1u);
-    EXPECT_EQ(TextsOf(cap, true), Texts{"WRN output buffer not enough! 262144 > 16 "});
-    ulNum = 2;
-    EXPECT_EQ(XML_GetIntArray(doc.Node("cfg/l"), 4, &ulNum, aul), 0u);  // each saturated, then cut
-    EXPECT_EQ(ulNum, 2u);
-    EXPECT_EQ(aul[0], 0xFFFFFFFFu);
-    EXPECT_EQ(aul[1], 0xFFFFFFFFu);
-}
-
 struct Cfg { s32 lX, lY; u16 ausArr[3]; char szName[16]; };
 constexpr Cfg kInitial = {-1, -2, {9, 9, 9}, "init"};
 
-auto Fields(const Cfg &st) { return std::make_tuple(st.lX, st.lY, st.ausArr[0], st.ausArr[1], st.ausArr[2], std::string(st.szName)); }
+auto Fields(const Cfg &c) { return std::tuple(c.lX, c.lY, c.ausArr[0], c.ausArr[1], c.ausArr[2], std::string(c.szName)); }
 
 XML_GET_TABLE_S Row(const char *pcName, XML_GET_VALUE_PFN pfnGet, size_t ulOffset, s32 lSize, s32 lElemSize)
 {
@@ -264,7 +256,6 @@ TEST_F(XmlTest, BatchFillsFieldsInFileOrderUntilAChildFails)
         // No element for arr and name: the initial values stand.
         {kTable, "<!-- y first --><y>7</y>\n <x>-3</x>", {-3, 7, {9, 9, 9}, "init"}, {}},
         {kTable, "<x>1</x><x>6</x>", kX6, {}},
-        {kTable, "<!-- only a comment --> ", kInitial, {}},
         {kTable, "<x>1</x><z>5</z><y>2</y>", {1, -2, {9, 9, 9}, "init"}, {"ERR Get node z content fail", kStop}},
         {kTable, "<name>toolongforsixteen!</name><x>1</x>", kInitial,
          {"WRN output buffer not enough! 18 > 16 ", "ERR Get value from node name fail", kStop}},
@@ -272,7 +263,8 @@ TEST_F(XmlTest, BatchFillsFieldsInFileOrderUntilAChildFails)
          {"ERR node arr element number > max 3", "ERR Get value from node arr fail", kStop}},
         {twoX, "<x>6</x>", kX6, {}},
         {zeroX, "<x>6</x>", kInitial, {"ERR Element size is zero", kStop}},
-        {minX, "<x>6</x>", kInitial, {"ERR element size 4294967295 > 4 not supported", "ERR Get value from node x fail", kStop}},
+        {minX, "<x>6</x>", kInitial,
+         {"ERR element size 4294967295 > 4 not supported", "ERR Get value from node x fail", kStop}},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.children);
@@ -282,7 +274,7 @@ TEST_F(XmlTest, BatchFillsFieldsInFileOrderUntilAChildFails)
         // A stopped walk still gives 0.
         EXPECT_EQ(XML_BatchGet(doc.h, "cfg", c.table.data(), static_cast<u32>(c.table.size()), &st), 0u);
         EXPECT_EQ(Fields(st), Fields(c.expect));
-        EXPECT_EQ(TextsOf(cap, true), c.records);
+        EXPECT_EQ(TextsOf(cap), c.records);
         if (cap.Records().size() > 1) {
             EXPECT_EQ(cap.Records()[cap.Records().size() - 2].func, "BatchGetMatch");
         }
@@ -292,13 +284,14 @@ TEST_F(XmlTest, BatchFillsFieldsInFileOrderUntilAChildFails)
 TEST_F(XmlTest, ShortAndLongRowsEndTheMatrix)
 {
     // Rows, columns, maximum rows and element size; rows read, elements stored row after row (the rest stays 0).
-    const struct { const char *rows; u32 cols, maxRows, size, rowsRead; std::vector<u32> stored; Texts records; } cases[] = {
+    const struct { const char *rows; u32 cols, maxRows, size, rowsRead; std::vector<u32> stored; Texts recs; } cases[] = {
         {"<r>1,2,3</r><!-- c --><q>4,5,0x6</q>", 3, 2, 4, 2, {1, 2, 3, 4, 5, 6}, {}},
         {"<r>1,2</r><r>-1,0x17f</r>", 2, 3, 1, 2, {1, 2, 0xFF, 0x7F}, {}},
         {"<r>1,2,3</r><r>4,5,6</r><r>7,8,9</r>", 3, 2, 2, 2, {1, 2, 3, 4, 5, 6}, {"WRN real row num 2 >= 2"}},
         {"", 3, 2, 4, 0, {}, {}},
         {"<r>1,2,3</r><r>4,5</r><r>7,8,9</r>", 3, 4, 4, 1, {1, 2, 3, 4, 5}, {"ERR Array element num 2 not equal to 3"}},
-        {"<r>1,2,3,4</r><r>5,6,7</r>", 3, 4, 4, 0, {1, 2, 3}, {"ERR node r element number > max 3", "ERR XML_GetIntArray r fail"}},
+        {"<r>1,2,3,4</r><r>5,6,7</r>", 3, 4, 4, 0, {1, 2, 3},
+         {"ERR node r element number > max 3", "ERR XML_GetIntArray r fail"}},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.rows);
@@ -314,19 +307,19 @@ TEST_F(XmlTest, ShortAndLongRowsEndTheMatrix)
             memcpy(&got[j], auc + j * c.size, c.size);
         expect.resize(got.size(), 0);
         EXPECT_EQ(got, expect);
-        EXPECT_EQ(TextsOf(cap, true), c.records);
+        EXPECT_EQ(TextsOf(cap), c.recs);
     }
 }
 
 TEST_F(XmlTest, ZipMembersAreReadAndTheTemporaryFileRemoved)
 {
     IBP_SKIP_IF_CLONE_VM_UNSUPPORTED();  // ISP_system clones
-    const std::string kArc = "/tmp/arc/pack.zip", kLongest = std::string(75, 'm') + ".xml";  // fills the 127 of the unzip command
+    // The longest member fills the 127 characters of the unzip command.
+    const std::string kArc = "/tmp/arc/pack.zip", kLongest = std::string(75, 'm') + ".xml";
     ASSERT_EQ(system("mkdir -p /tmp/src/sub /tmp/arc"), 0);
     std::string cmd = "cd /tmp/src && zip -q -r " + kArc;
     for (const auto &[name, body] : {std::pair<std::string, const char *>{"a.xml", "<cfg><v>11</v></cfg>"},
-                                     {"sub/b_1+x-y.xml", "<cfg><v>22</v></cfg>"},
-                                     {kLongest, "<cfg><v>33</v></cfg>"},
+                                     {"sub/b_1+x-y.xml", "<cfg><v>22</v></cfg>"}, {kLongest, "<cfg><v>33</v></cfg>"},
                                      {"bad.xml", "<cfg><v>1</cfg>"}}) {
         WriteFile("/tmp/src/" + name, WithDecl(body));
         cmd += " " + name;
@@ -337,17 +330,18 @@ TEST_F(XmlTest, ZipMembersAreReadAndTheTemporaryFileRemoved)
         {"a.xml", kArc, 11, {}},
         {"sub/b_1+x-y.xml", kArc, 22, {}},
         {kLongest, kArc, 33, {}},
-        {"bad.xml", kArc, -1, {"mxmlLoadFile fail", "xml init bad.xml fail!"}},
-        {"missing.xml", kArc, -1, {"fopen file /tmp/missing.xml fail", "xml init missing.xml fail!"}},
-        {"a.xml", "/tmp/arc/none.zip", -1, {"fopen file /tmp/a.xml fail", "xml init a.xml fail!"}},
-        {kTooLong, kArc, -1, {"unzip command for " + kTooLong + " in " + kArc + " too long", "xml init " + kTooLong + " fail!"}},
+        {"bad.xml", kArc, -1, {"ERR mxmlLoadFile fail", "ERR xml init bad.xml fail!"}},
+        {"missing.xml", kArc, -1, {"ERR fopen file /tmp/missing.xml fail", "ERR xml init missing.xml fail!"}},
+        {"a.xml", "/tmp/arc/none.zip", -1, {"ERR fopen file /tmp/a.xml fail", "ERR xml init a.xml fail!"}},
+        {kTooLong, kArc, -1,
+         {"ERR unzip command for " + kTooLong + " in " + kArc + " too long", "ERR xml init " + kTooLong + " fail!"}},
     };
     WriteFile("/tmp/a.xml", WithDecl("<cfg><v>99</v></cfg>"));  // stale: overwritten, then removed
     for (const auto &c : cases) {
         SCOPED_TRACE(c.member + " in " + c.archive);
         ibptest::LogCapture cap;
         XML_HANDLE h = XML_Init(c.member.c_str(), c.archive.c_str());
-        EXPECT_FALSE(Exists("/tmp/" + c.member)) << "temporary file left behind";
+        EXPECT_NE(access(("/tmp/" + c.member).c_str(), F_OK), 0) << "temporary file left behind";
         s32 lValue = -1;
         u32 ulNum = 0;
         if (h != nullptr) {
@@ -358,28 +352,6 @@ TEST_F(XmlTest, ZipMembersAreReadAndTheTemporaryFileRemoved)
         EXPECT_EQ(lValue, c.value);
         EXPECT_EQ(TextsOf(cap), c.records);
     }
-}
-
-// Names are refused before anything runs, so this needs no child process.
-TEST_F(XmlTest, ZipAndMemberNamesTheShellWouldInterpretAreRefused)
-{
-    const std::pair<const char *, const char *> cases[] = {
-        {"a.xml;touch /tmp/pwned", "/tmp/p.zip"}, {"$(touch /tmp/pwned)", "/tmp/p.zip"},
-        {"a.xml", "/tmp/p.zip|touch /tmp/pwned"}, {"a.xml", "`touch /tmp/pwned`"},
-        {"a.xml&&touch${IFS}/tmp/pwned", "/tmp/p.zip"}, {"a xml", "/tmp/p.zip"},
-        {"*.xml", "/tmp/p.zip"}, {"-x.xml", "/tmp/p.zip"}, {"a.xml", "-d"},
-        {"", "/tmp/p.zip"}, {"a.xml", ""}, {"sub/../../a.xml", "/tmp/p.zip"}, {"sub/", "/tmp/p.zip"},
-    };
-    for (const auto &[member, archive] : cases) {
-        SCOPED_TRACE(std::string(member) + " in " + archive);
-        ibptest::LogCapture cap;
-        EXPECT_EQ(XML_Init(member, archive), nullptr);
-        const Texts texts = TextsOf(cap);
-        ASSERT_EQ(texts.size(), 2u) << cap.Dump();
-        EXPECT_EQ(texts[0].rfind("refuse file name ", 0), 0u) << texts[0];
-        EXPECT_EQ(texts[1], std::string("xml init ") + member + " fail!");
-    }
-    EXPECT_FALSE(Exists("/tmp/pwned"));
 }
 
 }  // namespace
