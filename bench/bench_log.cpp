@@ -1,8 +1,7 @@
 // Cost of LOG_Pirnt: a record below its module's threshold, against a bare
 // threshold check in a function of the same shape; and a record written to
 // its file, against a bare open-append-write-close of a record of the same
-// length in the same directory. A third file figure writes the record through
-// a stream as the log does, to tell the stream's share from the rest.
+// length in the same directory.
 //
 //   bench_log --benchmark_counters_tabular=true
 //
@@ -20,7 +19,7 @@
 #include <cstring>
 #include <string>
 
-#include "ibp/isp_log.h"
+#include "bench_util.h"
 
 namespace {
 
@@ -30,10 +29,13 @@ constexpr u32 kAllErr = LOG_LEVEL_ERR;
 constexpr off_t kFloorFileMax = 0x40000;
 const char *const kFloorFile = "/var/log/bench_floor.log";
 
-bool Isolated()
+// The file figures write /var/log: only on the private tmpfs.
+bool FileRunAllowed(benchmark::State &state)
 {
-    const char *pcIso = getenv("IBP_BENCH_ISOLATED");
-    return pcIso != nullptr && strcmp(pcIso, "1") == 0;
+    if (bench::Isolated())
+        return true;
+    state.SkipWithError("needs the private tmpfs on /var/log of scripts/bench.sh");
+    return false;
 }
 
 void StartLog(u32 ulMode, u32 ulThreshold, LOG_OUTPUT_PFN pfnOutput = nullptr)
@@ -79,16 +81,21 @@ using PrintFn = void (*)(u32, u32, const char *, const char *, s32, const char *
 PrintFn volatile gpfnFloor = FloorPrint;
 PrintFn volatile gpfnLog = LOG_Pirnt;
 
-void BM_LogFiltered(benchmark::State &state)
+// The same call through either pointer, so that only the callee differs.
+void RunFiltered(benchmark::State &state, PrintFn pfn)
 {
-    StartLog(LOG_OUTPUT_STDOUT, kAllErr);
-    PrintFn pfn = gpfnLog;
     u32 i = 0;
     for (auto _ : state) {
         pfn(LOG_MODULE_IMG, LOG_LEVEL_DBG, "bench_log", __func__, __LINE__, "frame %u done", i++);
         benchmark::ClobberMemory();
     }
     state.SetItemsProcessed(state.iterations());
+}
+
+void BM_LogFiltered(benchmark::State &state)
+{
+    StartLog(LOG_OUTPUT_STDOUT, kAllErr);
+    RunFiltered(state, gpfnLog);
     IBP_LOG_Destroy();
 }
 
@@ -96,13 +103,7 @@ void BM_FloorFiltered(benchmark::State &state)
 {
     for (u32 &ulLevel : gstFloorLog.aulLevel)
         ulLevel = kAllErr;
-    PrintFn pfn = gpfnFloor;
-    u32 i = 0;
-    for (auto _ : state) {
-        pfn(LOG_MODULE_IMG, LOG_LEVEL_DBG, "bench_log", __func__, __LINE__, "frame %u done", i++);
-        benchmark::ClobberMemory();
-    }
-    state.SetItemsProcessed(state.iterations());
+    RunFiltered(state, gpfnFloor);
 }
 
 // The length of one record as the log makes it, taken from the output
@@ -114,14 +115,17 @@ s32 MeasureRecord(const char *pcText)
     return 0;
 }
 
-#define BENCH_FILE_RECORD(pfn) \
-    pfn(LOG_MODULE_BP, LOG_LEVEL_ERR, "bench_log", "BM_LogFileRecord", 123, "frame %u done", 77u)
+// The record that the file figures write, the same every time.
+void FileRecord()
+{
+    LOG_Pirnt(LOG_MODULE_BP, LOG_LEVEL_ERR, "bench_log", "BM_LogFileRecord", 123, "frame %u done", 77u);
+}
 
 size_t RecordLen()
 {
     if (gulRecordLen == 0) {
         StartLog(LOG_OUTPUT_FUNC, kAllErr, MeasureRecord);
-        BENCH_FILE_RECORD(LOG_Pirnt);
+        FileRecord();
         IBP_LOG_Destroy();
     }
     return gulRecordLen;
@@ -131,14 +135,12 @@ size_t RecordLen()
 // (BP's pair rotates at 256 KiB, every few thousand records).
 void BM_LogFileRecord(benchmark::State &state)
 {
-    if (!Isolated()) {
-        state.SkipWithError("needs the private tmpfs on /var/log of scripts/bench.sh");
+    if (!FileRunAllowed(state))
         return;
-    }
     RecordLen();
     StartLog(LOG_OUTPUT_FILE, kAllErr);
     for (auto _ : state)
-        BENCH_FILE_RECORD(LOG_Pirnt);
+        FileRecord();
     state.SetItemsProcessed(state.iterations());
     state.counters["record_bytes"] = static_cast<double>(gulRecordLen);
     IBP_LOG_Destroy();
@@ -148,10 +150,8 @@ void BM_LogFileRecord(benchmark::State &state)
 // started afresh at the same size limit, as the log's pair would be.
 void BM_FloorFileRecord(benchmark::State &state)
 {
-    if (!Isolated()) {
-        state.SkipWithError("needs the private tmpfs on /var/log of scripts/bench.sh");
+    if (!FileRunAllowed(state))
         return;
-    }
     std::string record(RecordLen(), 'x');
     record.back() = '\n';
     for (auto _ : state) {
@@ -171,35 +171,9 @@ void BM_FloorFileRecord(benchmark::State &state)
     state.counters["record_bytes"] = static_cast<double>(record.size());
 }
 
-// Not a floor: the same record through a stream (fopen "a", fputs, ftell,
-// fclose), the way the log writes it, to show what the stream itself costs.
-void BM_StdioFileRecord(benchmark::State &state)
-{
-    if (!Isolated()) {
-        state.SkipWithError("needs the private tmpfs on /var/log of scripts/bench.sh");
-        return;
-    }
-    std::string record(RecordLen(), 'x');
-    record.back() = '\n';
-    for (auto _ : state) {
-        FILE *pFile = fopen(kFloorFile, "a");
-        if (pFile == nullptr) {
-            state.SkipWithError("fopen of the floor file failed");
-            return;
-        }
-        fputs(record.c_str(), pFile);
-        long lEnd = ftell(pFile);
-        fclose(pFile);
-        if (lEnd > kFloorFileMax)
-            unlink(kFloorFile);
-    }
-    state.SetItemsProcessed(state.iterations());
-}
-
 }  // namespace
 
 BENCHMARK(BM_LogFiltered);
 BENCHMARK(BM_FloorFiltered);
 BENCHMARK(BM_LogFileRecord);
 BENCHMARK(BM_FloorFileRecord);
-BENCHMARK(BM_StdioFileRecord);

@@ -254,28 +254,36 @@ s32 ChildLog(const char *pcText)
     return 0;
 }
 
-u32 CountProc(u32, MSG_HANDLE hMsg, void *)
+// The record a benchmark message carries, or null when it is not one.
+ISP_MSG_S *BenchRecord(MSG_HANDLE hMsg)
 {
     void *pBody = nullptr;
     u32 ulLen = 0;
     if (MSG_Decode(hMsg, &pBody, &ulLen) != 0 || ulLen != ISP_MSG_HDR_LEN + kBodyLen)
+        return nullptr;
+    return static_cast<ISP_MSG_S *>(pBody);
+}
+
+u32 CountProc(u32, MSG_HANDLE hMsg, void *)
+{
+    const ISP_MSG_S *pstRec = BenchRecord(hMsg);
+    if (pstRec == nullptr)
         return 1;
     u32 ulBurst;
-    memcpy(&ulBurst, static_cast<ISP_MSG_S *>(pBody)->aucBody, sizeof(ulBurst));
+    memcpy(&ulBurst, pstRec->aucBody, sizeof(ulBurst));
     Arrived(ulBurst);
     return 0;
 }
 
 u32 EchoProc(u32, MSG_HANDLE hMsg, void *)
 {
-    void *pBody = nullptr;
-    u32 ulLen = 0;
-    if (MSG_Decode(hMsg, &pBody, &ulLen) != 0 || ulLen != ISP_MSG_HDR_LEN + kBodyLen)
+    const ISP_MSG_S *pstRec = BenchRecord(hMsg);
+    if (pstRec == nullptr)
         return 1;
     alignas(8) u8 aucAck[ISP_MSG_HDR_LEN + kBodyLen];
-    memcpy(aucAck, pBody, ulLen);
+    memcpy(aucAck, pstRec, sizeof(aucAck));
     reinterpret_cast<ISP_MSG_S *>(aucAck)->ulResult = 0;
-    return ISP_SendAckMsg(hMsg, aucAck, ulLen);
+    return ISP_SendAckMsg(hMsg, aucAck, sizeof(aucAck));
 }
 
 // SO_RCVBUF of this process's UDP socket bound to port, 0 if none is found.

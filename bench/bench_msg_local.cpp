@@ -143,24 +143,15 @@ bool FloorSend(const void *pBody, u32 ulBodyLen)
 }
 
 // ------------------------------------------------------------------- runs
-// Messages per second of one burst of n through the runtime, 0 on a failure.
-double AsyncRunIbp(u32 n)
+bool IbpSend(const void *pBody, u32 ulBodyLen)
 {
-    gulCounted = 0;
-    gulTarget = n;
-    u8 aucBody[kBodyLen] = {};
-    double t0 = bench::NowSec();
-    for (u32 i = 0; i < n; i++) {
-        memcpy(aucBody, &i, sizeof(i));
-        MSG_HANDLE hMsg = MSG_Create(aucBody, kBodyLen);
-        if (hMsg == nullptr || MSG_SendAsyncMsg(MOD_ID_ISP_IMG, kMsgCount, hMsg) != 0)
-            return 0;
-    }
-    sem_wait(&gstDone);
-    return n / (bench::NowSec() - t0);
+    MSG_HANDLE hMsg = MSG_Create(pBody, ulBodyLen);
+    return hMsg != nullptr && MSG_SendAsyncMsg(MOD_ID_ISP_IMG, kMsgCount, hMsg) == 0;
 }
 
-double AsyncRunFloor(u32 n)
+// Messages per second of one burst of n through pfnSend (the runtime or the
+// floor), 0 on a failure.
+double AsyncRun(u32 n, bool (*pfnSend)(const void *, u32))
 {
     gulCounted = 0;
     gulTarget = n;
@@ -168,7 +159,7 @@ double AsyncRunFloor(u32 n)
     double t0 = bench::NowSec();
     for (u32 i = 0; i < n; i++) {
         memcpy(aucBody, &i, sizeof(i));
-        if (!FloorSend(aucBody, kBodyLen))
+        if (!pfnSend(aucBody, kBodyLen))
             return 0;
     }
     sem_wait(&gstDone);
@@ -181,12 +172,12 @@ void AsyncFigure()
     sem_init(&gstFloor.stWake, 0, 0);
     pthread_create(&hConsumer, nullptr, FloorConsumer, nullptr);
 
-    AsyncRunIbp(kAsyncN / 10);  // warm the heap and the threads
-    AsyncRunFloor(kAsyncN / 10);
+    AsyncRun(kAsyncN / 10, IbpSend);  // warm the heap and the threads
+    AsyncRun(kAsyncN / 10, FloorSend);
     std::vector<double> ibp, floor;
     for (int r = 0; r < kAsyncReps; r++) {
-        ibp.push_back(AsyncRunIbp(kAsyncN));
-        floor.push_back(AsyncRunFloor(kAsyncN));
+        ibp.push_back(AsyncRun(kAsyncN, IbpSend));
+        floor.push_back(AsyncRun(kAsyncN, FloorSend));
     }
     __atomic_store_n(&gstFloor.bRun, false, __ATOMIC_RELEASE);
     sem_post(&gstFloor.stWake);

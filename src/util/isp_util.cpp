@@ -50,8 +50,7 @@ enum class Half {
     kShift,     // shift right by 1: arithmetic for signed, logical for unsigned
 };
 
-// The arithmetic common to the six integer guards; the caller reports the
-// zero divisor, since the record shows the caller's own function and format.
+// The arithmetic common to the six integer guards.
 template <Half H, typename T> constexpr T GuardedQuotient(T dividend, T divisor, s32 lRound)
 {
     if (divisor == 0)
@@ -65,6 +64,26 @@ template <Half H, typename T> constexpr T GuardedQuotient(T dividend, T divisor,
 // %s of a null pointer is not defined by C; the report prints a marker instead.
 const char *FileName(const char *pcFile) { return pcFile != nullptr ? pcFile : "(null)"; }
 
+// The six integer guards: a zero divisor is reported under the caller's
+// function name, then counts as 1. Printing through the widest type gives
+// the same digits as the operand's own conversion, whatever its width.
+template <Half H, typename T>
+T GuardedDiv(const char *pcFunc, const char *pcFile, s32 lLine, T dividend, T divisor, s32 lRound)
+{
+    if (divisor == 0) {
+        if constexpr (std::is_signed_v<T>)
+            LOG_Pirnt(LOG_MODULE_BP, LOG_LEVEL_WRN, kLogSrcFile, pcFunc, __LINE__,
+                      "in file=%s line=%d: div 0 detected! divdend=%lld divisor=%lld", FileName(pcFile),
+                      lLine, static_cast<long long>(dividend), static_cast<long long>(divisor));
+        else
+            LOG_Pirnt(LOG_MODULE_BP, LOG_LEVEL_WRN, kLogSrcFile, pcFunc, __LINE__,
+                      "in file=%s line=%d: div 0 detected! divdend=%llu divisor=%llu", FileName(pcFile),
+                      lLine, static_cast<unsigned long long>(dividend),
+                      static_cast<unsigned long long>(divisor));
+    }
+    return GuardedQuotient<H>(dividend, divisor, lRound);
+}
+
 constexpr double kFdivThreshold = 1e-15;
 constexpr double kFdivThresholdF = 1e-6;  // compared in double, after widening the float
 
@@ -76,68 +95,36 @@ extern "C" {
 
 IBP_API s32 __ISP_div0(const char *pcFile, s32 lLine, s32 lDividend, s32 lDivisor, s32 lRound)
 {
-    if (lDivisor == 0)
-        IBP_WRN("in file=%s line=%d: div 0 detected! divdend=%d divisor=%d", FileName(pcFile), lLine,
-                lDividend, lDivisor);
-    return GuardedQuotient<Half::kTruncate>(lDividend, lDivisor, lRound);
+    return GuardedDiv<Half::kTruncate>(__func__, pcFile, lLine, lDividend, lDivisor, lRound);
 }
 
 IBP_API long __ISP_div0_l(const char *pcFile, s32 lLine, long lDividend, long lDivisor,
                           s32 lRound)
 {
-    if (lDivisor == 0) {
-        // long is 32 bits on the target and the record reads as for s32; where
-        // long is wider, %ld keeps the dividend whole instead of cutting it.
-        if constexpr (sizeof(long) == sizeof(int))
-            IBP_WRN("in file=%s line=%d: div 0 detected! divdend=%d divisor=%d", FileName(pcFile),
-                    lLine, static_cast<int>(lDividend), static_cast<int>(lDivisor));
-        else
-            IBP_WRN("in file=%s line=%d: div 0 detected! divdend=%ld divisor=%ld", FileName(pcFile),
-                    lLine, lDividend, lDivisor);
-    }
-    return GuardedQuotient<Half::kTruncate>(lDividend, lDivisor, lRound);
+    return GuardedDiv<Half::kTruncate>(__func__, pcFile, lLine, lDividend, lDivisor, lRound);
 }
 
 IBP_API s64 __ISP_div0_ll(const char *pcFile, s32 lLine, s64 llDividend, s64 llDivisor,
                           s32 lRound)
 {
-    if (llDivisor == 0)
-        IBP_WRN("in file=%s line=%d: div 0 detected! divdend=%lld divisor=%lld", FileName(pcFile),
-                lLine, static_cast<long long>(llDividend), static_cast<long long>(llDivisor));
-    return GuardedQuotient<Half::kShift>(llDividend, llDivisor, lRound);
+    return GuardedDiv<Half::kShift>(__func__, pcFile, lLine, llDividend, llDivisor, lRound);
 }
 
 IBP_API u32 __ISP_div0_u(const char *pcFile, s32 lLine, u32 ulDividend, u32 ulDivisor, s32 lRound)
 {
-    if (ulDivisor == 0)
-        IBP_WRN("in file=%s line=%d: div 0 detected! divdend=%u divisor=%u", FileName(pcFile), lLine,
-                ulDividend, ulDivisor);
-    return GuardedQuotient<Half::kShift>(ulDividend, ulDivisor, lRound);
+    return GuardedDiv<Half::kShift>(__func__, pcFile, lLine, ulDividend, ulDivisor, lRound);
 }
 
 IBP_API unsigned long __ISP_div0_lu(const char *pcFile, s32 lLine, unsigned long ulDividend,
                                     unsigned long ulDivisor, s32 lRound)
 {
-    if (ulDivisor == 0) {
-        // As in __ISP_div0_l: %u on the target, %lu where long is wider.
-        if constexpr (sizeof(unsigned long) == sizeof(unsigned))
-            IBP_WRN("in file=%s line=%d: div 0 detected! divdend=%u divisor=%u", FileName(pcFile),
-                    lLine, static_cast<unsigned>(ulDividend), static_cast<unsigned>(ulDivisor));
-        else
-            IBP_WRN("in file=%s line=%d: div 0 detected! divdend=%lu divisor=%lu", FileName(pcFile),
-                    lLine, ulDividend, ulDivisor);
-    }
-    return GuardedQuotient<Half::kShift>(ulDividend, ulDivisor, lRound);
+    return GuardedDiv<Half::kShift>(__func__, pcFile, lLine, ulDividend, ulDivisor, lRound);
 }
 
 IBP_API u64 __ISP_div0_llu(const char *pcFile, s32 lLine, u64 ullDividend, u64 ullDivisor,
                            s32 lRound)
 {
-    if (ullDivisor == 0)
-        IBP_WRN("in file=%s line=%d: div 0 detected! divdend=%llu divisor=%llu", FileName(pcFile),
-                lLine, static_cast<unsigned long long>(ullDividend),
-                static_cast<unsigned long long>(ullDivisor));
-    return GuardedQuotient<Half::kShift>(ullDividend, ullDivisor, lRound);
+    return GuardedDiv<Half::kShift>(__func__, pcFile, lLine, ullDividend, ullDivisor, lRound);
 }
 
 // ---------------------------------------------------------------- floating-point guards
