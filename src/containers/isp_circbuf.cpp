@@ -64,29 +64,32 @@ inline size_t CBufBytes(const CBUF_S *pstCBuf, u32 ulNum)
     return static_cast<size_t>(ulNum) * pstCBuf->ulElemSize;
 }
 
-// Copies ulNum elements from slot ulPos on, wrapping to slot 0: at most two
-// moves. The caller has checked that ulNum elements are there.
-void CBufCopyOut(const CBUF_S *pstCBuf, u32 ulPos, u32 ulNum, u8 *pucDst)
+// Visits the slots of ulNum elements from slot ulPos on, wrapping to slot 0:
+// at most two runs, each given to move(slots, byte offset in the run, bytes).
+// The caller has checked that the ulNum elements (or slots) are there.
+template <typename Move> void CBufRuns(const CBUF_S *pstCBuf, u32 ulPos, u32 ulNum, Move move)
 {
     u32 ulRun = pstCBuf->ulElemNum - ulPos;
     if (ulNum <= ulRun) {
-        memcpy(pucDst, CBufSlot(pstCBuf, ulPos), CBufBytes(pstCBuf, ulNum));
+        move(CBufSlot(pstCBuf, ulPos), 0, CBufBytes(pstCBuf, ulNum));
         return;
     }
-    memcpy(pucDst, CBufSlot(pstCBuf, ulPos), CBufBytes(pstCBuf, ulRun));
-    memcpy(pucDst + CBufBytes(pstCBuf, ulRun), pstCBuf->pucBuf, CBufBytes(pstCBuf, ulNum - ulRun));
+    move(CBufSlot(pstCBuf, ulPos), 0, CBufBytes(pstCBuf, ulRun));
+    move(pstCBuf->pucBuf, CBufBytes(pstCBuf, ulRun), CBufBytes(pstCBuf, ulNum - ulRun));
 }
 
-// The write counterpart: ulNum elements into slots from ulPos on.
+void CBufCopyOut(const CBUF_S *pstCBuf, u32 ulPos, u32 ulNum, u8 *pucDst)
+{
+    CBufRuns(pstCBuf, ulPos, ulNum, [pucDst](const u8 *pucSlots, size_t ulOff, size_t ulBytes) {
+        memcpy(pucDst + ulOff, pucSlots, ulBytes);
+    });
+}
+
 void CBufCopyIn(CBUF_S *pstCBuf, u32 ulPos, u32 ulNum, const u8 *pucSrc)
 {
-    u32 ulRun = pstCBuf->ulElemNum - ulPos;
-    if (ulNum <= ulRun) {
-        memcpy(CBufSlot(pstCBuf, ulPos), pucSrc, CBufBytes(pstCBuf, ulNum));
-        return;
-    }
-    memcpy(CBufSlot(pstCBuf, ulPos), pucSrc, CBufBytes(pstCBuf, ulRun));
-    memcpy(pstCBuf->pucBuf, pucSrc + CBufBytes(pstCBuf, ulRun), CBufBytes(pstCBuf, ulNum - ulRun));
+    CBufRuns(pstCBuf, ulPos, ulNum, [pucSrc](u8 *pucSlots, size_t ulOff, size_t ulBytes) {
+        memcpy(pucSlots, pucSrc + ulOff, ulBytes);
+    });
 }
 
 // Offers the elements from ulStartPos up to (not including) ulEndPos to the

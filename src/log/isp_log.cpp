@@ -150,13 +150,12 @@ void LOG_WriteFile(u32 ulModule, const char *pcComposite, va_list args)
     if (pcText != acBuf)
         free(pcText);
     off_t lPos = lseek(fd, 0, SEEK_CUR);
+    int err = errno;
+    close(fd);
     if (lPos < 0) {
-        int err = errno;
         printf("ftell failed! errno=%d %s\n", err, strerror(err));
-        close(fd);
         return;
     }
-    close(fd);
     u32 ulMaxSize = LoadRelaxed(stRow.ulMaxSize);
     if (ulMaxSize != 0 && static_cast<unsigned long long>(lPos) > ulMaxSize)
         LOG_RotateFile(ulModule);

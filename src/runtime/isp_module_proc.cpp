@@ -183,8 +183,7 @@ RecvResult MOD_RecvDatagram(struct sockaddr_in *pstAddr)
         IBP_ERR("get socket fd fail!");
         return RecvResult::kFail;
     }
-    char acData[kRecvBufLen];
-    memset(acData, 0, sizeof(acData));
+    char acData[kRecvBufLen];  // only the received bytes are used: no clearing per datagram
     socklen_t ulAddrLen = sizeof(*pstAddr);
     ssize_t lSize = ISP_recvfrom(lSocket, acData, kRecvBufLen - 1, 0, reinterpret_cast<struct sockaddr *>(pstAddr),
                                  &ulAddrLen);

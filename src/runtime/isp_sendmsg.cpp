@@ -23,6 +23,18 @@ constexpr int kSyncEpollEvents = 10;
 
 MSG_HDR_S *HdrOf(MSG_HANDLE hMsg) { return static_cast<MSG_HDR_S *>(hMsg->pMem); }
 
+// Destroys a message at scope end.
+class MsgGuard {
+public:
+    explicit MsgGuard(MSG_HANDLE hMsg) : hMsg_(hMsg) {}
+    ~MsgGuard() { MSG_Destroy(hMsg_); }
+    MsgGuard(const MsgGuard &) = delete;
+    MsgGuard &operator=(const MsgGuard &) = delete;
+
+private:
+    MSG_HANDLE hMsg_;
+};
+
 // Owns the descriptor of the epoll instance that paces the wait for an ack.
 class EpollTimer {
 public:
@@ -289,31 +301,23 @@ IBP_API u32 ISP_SendSyncMsg(const ISP_MSG_S *pstReqMsg, u32 ulTimeout, ISP_MSG_S
             MSG_Destroy(hReq);  // never handed over: still ours to free
         return 1;
     }
+    const MsgGuard stAckGuard(hAck);  // the copy below is the caller's; the message is not
     void *pBody = nullptr;
     u32 ulAckLen = 0;
     if (MSG_Decode(hAck, &pBody, &ulAckLen) != 0) {
         IBP_ERR("raw message decode fail!");
-        MSG_Destroy(hAck);
         return 1;
     }
     const auto *pstAck = static_cast<const ISP_MSG_S *>(pBody);
-    if (ulAckLen != ulReqLen || ulAckLen > hAck->ulLen - MSG_HDR_LEN || pstAck->ulMsgID != pstReqMsg->ulMsgID) {
-        MSG_Destroy(hAck);
+    if (ulAckLen != ulReqLen || ulAckLen > hAck->ulLen - MSG_HDR_LEN || pstAck->ulMsgID != pstReqMsg->ulMsgID)
         return 1;
-    }
-    if (pstAck->ulResult != 0) {
-        u32 ulResult = pstAck->ulResult;
-        MSG_Destroy(hAck);
-        return ulResult;
-    }
+    if (pstAck->ulResult != 0)
+        return pstAck->ulResult;
     void *pCopy = ISP_malloc(0, ulAckLen);
     *ppstAckMsg = static_cast<ISP_MSG_S *>(pCopy);
-    if (pCopy == nullptr) {
-        MSG_Destroy(hAck);
+    if (pCopy == nullptr)
         return 1;
-    }
     memcpy(pCopy, pstAck, ulAckLen);
-    MSG_Destroy(hAck);
     return 0;
 }
 
