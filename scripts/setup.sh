@@ -36,5 +36,5 @@ echo "setup: installing ${missing[*]}"
 [ $need_arch -eq 1 ] && dpkg --add-architecture armhf
 # A mirror that is half-way through a sync fails one index now and then; the
 # packages we need are still found in the others, so go on and let install decide.
-apt-get update -qq || echo "setup: apt-get update reported errors, trying the install anyway" >&2
-DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}"
+apt-get -o DPkg::Lock::Timeout=600 update -qq || echo "setup: apt-get update reported errors, trying the install anyway" >&2
+DEBIAN_FRONTEND=noninteractive apt-get -o DPkg::Lock::Timeout=600 install -y -qq --no-install-recommends "${missing[@]}"

@@ -3,6 +3,7 @@
 #define IBP_IBP_H
 
 #include "ibp/isp_types.h"
+#include "ibp/ibp_version.h"
 #include "ibp/isp_system.h"
 #include "ibp/isp_log.h"
 #include "ibp/isp_rawmsg.h"
