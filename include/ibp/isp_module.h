@@ -184,6 +184,13 @@ IBP_API u32 MOD_RecvSocketData(struct sockaddr_in *pstAddr);
 IBP_API u32 MOD_ParseSocketMsg(const struct sockaddr_in *pstAddr, u32 *pulFlag);
 IBP_API void MOD_DestroyProcEpoll(MOD_PROC_S *pstProc);
 
+/* ---- inspection: display functions (capacity in, text appended, length
+ * out) of the base debug commands "isp bp module info", "isp bp module cfg"
+ * and "isp bp proc cfg"; 0, or 1 for a null argument. */
+IBP_API u32 MOD_PrintModule(u32 *pulOutBufLen, char *pcOutBuf);
+IBP_API u32 MOD_PrintModuleCfg(u32 *pulOutBufLen, char *pcOutBuf);
+IBP_API u32 MOD_PrintProcCfg(u32 *pulOutBufLen, char *pcOutBuf);
+
 /* ---- handler tables; the newest matching entry wins */
 IBP_API u32 MOD_RegMsgProc(u32 ulModuleID, u32 ulMsgID, MOD_MSG_PROC_PFN pfnMsgProc, void *pParam);
 IBP_API u32 MOD_UnregMsgProc(u32 ulModuleID, u32 ulMsgID);

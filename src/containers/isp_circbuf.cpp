@@ -8,6 +8,7 @@
 #include "debug/cmd_display.h"
 #include "ibp/isp_system.h"
 #include "log/log_internal.h"
+#include "platform/isp_system_internal.h"
 #include "runtime/mod_list.h"
 
 IBP_LOG_SOURCE("isp_circbuf");
@@ -21,15 +22,9 @@ MOD_LIST_S gstCBufList = {&gstCBufList, &gstCBufList};
 constexpr u32 kNameMax = sizeof(CBUF_S{}.acName) - 1;
 
 // Holds the buffer's mutex for a scope.
-class CBufLock {
+class CBufLock : public IspMutexGuard {
 public:
-    explicit CBufLock(const CBUF_S *pstCBuf) : hLock_(pstCBuf->hLock) { ISP_mutex_lock(hLock_); }
-    ~CBufLock() { ISP_mutex_unlock(hLock_); }
-    CBufLock(const CBufLock &) = delete;
-    CBufLock &operator=(const CBufLock &) = delete;
-
-private:
-    void *hLock_;
+    explicit CBufLock(const CBUF_S *pstCBuf) : IspMutexGuard(pstCBuf->hLock) {}
 };
 
 inline u32 CBufMask(const CBUF_S *pstCBuf) { return pstCBuf->ulElemNum - 1; }
@@ -440,14 +435,7 @@ IBP_API u32 CBUF_TokenLocate(CBUF_HANDLE hCBuf, const u8 *pucToken, u32 ulTokenL
 
 IBP_API u32 CBUF_PrintCircBuf(u32 *pulOutBufLen, char *pcOutBuf)
 {
-    if (pulOutBufLen == nullptr) {
-        IBP_ERR("pulOutBufLen is NULL");
-        return 1;
-    }
-    if (pcOutBuf == nullptr) {
-        IBP_ERR("pcOutBuf is NULL");
-        return 1;
-    }
+    CMD_DISPLAY_CHECK_ARGS(pulOutBufLen, pcOutBuf);
     CmdDisplay stOut(pcOutBuf, *pulOutBufLen);
     stOut.Append("%-10s %-10s %-10s %-10s %-10s %-10s %-10s \n", "BufName", "BufNum", "Override", "HeadPos",
                  "TailPos", "UsedNum", "SpaceNum");

@@ -8,6 +8,9 @@
 //
 // The text stays terminated at all times, so at most capacity - 1 characters
 // are held; a cut is silent, as a too-small buffer is the caller's choice.
+//
+// Every display function starts with CMD_DISPLAY_CHECK_ARGS, which refuses
+// the two null arguments with their records at the caller's own place.
 #pragma once
 
 #include <cstdarg>
@@ -15,6 +18,18 @@
 #include <cstring>
 
 #include "ibp/isp_types.h"
+
+#define CMD_DISPLAY_CHECK_ARGS(pulOutBufLen, pcOutBuf) \
+    do {                                                \
+        if ((pulOutBufLen) == nullptr) {                \
+            IBP_ERR("pulOutBufLen is NULL");            \
+            return 1;                                   \
+        }                                               \
+        if ((pcOutBuf) == nullptr) {                    \
+            IBP_ERR("pcOutBuf is NULL");                \
+            return 1;                                   \
+        }                                               \
+    } while (0)
 
 class CmdDisplay {
 public:

@@ -236,14 +236,7 @@ IBP_API u32 SKT_GetMacAddr(const char *pcNetName, u8 *pucMacAddr)
 
 IBP_API u32 SKT_PrintSock(u32 *pulOutBufLen, char *pcOutBuf)
 {
-    if (pulOutBufLen == nullptr) {
-        IBP_ERR("pulOutBufLen is NULL");
-        return 1;
-    }
-    if (pcOutBuf == nullptr) {
-        IBP_ERR("pcOutBuf is NULL");
-        return 1;
-    }
+    CMD_DISPLAY_CHECK_ARGS(pulOutBufLen, pcOutBuf);
     CmdDisplay stOut(pcOutBuf, *pulOutBufLen);
     stOut.Append("%-10s %-10s %-16s %-8s %-10s %-16s %-10s %-10s \n", "SocketFd", "ModuleID", "IPAddr", "Port",
                  "TCP/UDP", "Server/Client", "Status", "Timeout(ms)");

@@ -1,13 +1,26 @@
 // Internal seams of the ISP_ layer, reachable by the tests through the static
 // library: the attribute set-up of ISP_thr_create, the deadline of
 // ISP_cond_timedwait, and the tree removal of ISP_rmdir with the pause
-// function passed in.
+// function passed in; and the scope guard of its mutex handles.
 #pragma once
 
 #include <pthread.h>
 #include <time.h>
 
+#include "ibp/isp_system.h"
 #include "ibp/isp_types.h"
+
+// Holds a mutex handle of ISP_mutex_init for a scope.
+class IspMutexGuard {
+public:
+    explicit IspMutexGuard(void *hLock) : hLock_(hLock) { ISP_mutex_lock(hLock_); }
+    ~IspMutexGuard() { ISP_mutex_unlock(hLock_); }
+    IspMutexGuard(const IspMutexGuard &) = delete;
+    IspMutexGuard &operator=(const IspMutexGuard &) = delete;
+
+private:
+    void *hLock_;
+};
 
 namespace ibp::platform {
 

@@ -213,6 +213,14 @@ void MOD_InitModulePool(ISP_THR_ENTRY_PFN pfnProcThread)
     __atomic_store_n(&gbPoolReady, true, __ATOMIC_RELEASE);
 }
 
+void MOD_ForEachInUse(void (*pfnVisit)(const MOD_MODULE_S *pstModule, void *pUser), void *pUser)
+{
+    (void)MOD_FindInUse([&](const MOD_MODULE_S *pstModule) {
+        pfnVisit(pstModule, pUser);
+        return false;
+    });
+}
+
 void MOD_SetRemoteSendQueue(MOD_MSG_CTRL_S *pstQueue)
 {
     __atomic_store_n(&gpstRemoteQueue, pstQueue, __ATOMIC_RELEASE);

@@ -20,6 +20,10 @@ extern MOD_PROC_S gstCurProc;
 // MOD_RegModule; not while modules of an earlier set-up are still running.
 void MOD_InitModulePool(ISP_THR_ENTRY_PFN pfnProcThread);
 
+// Calls pfnVisit for each registered module, newest registration first,
+// under the pool's lock; nothing before the pool is set up.
+void MOD_ForEachInUse(void (*pfnVisit)(const MOD_MODULE_S *pstModule, void *pUser), void *pUser);
+
 // Entry of an ordinary module's thread.
 void *MOD_ModuleThreadProc(void *pvModule);
 
