@@ -1,11 +1,14 @@
 // ibp-isp: the sample service process. Registers "ISP_IMG" with one catch-all
 // handler that echoes every synchronous ISP_MSG_S record with ulResult 0 and
-// counts the asynchronous ones. Runs until SIGINT or SIGTERM.
+// counts the asynchronous ones, and a debug command of its own, "isp img
+// stats", beside the library's "isp bp ..." commands. Runs until SIGINT or
+// SIGTERM.
 //
 //   ibp-isp [--log-stdout]
 #include <pthread.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <vector>
@@ -16,6 +19,7 @@ namespace {
 
 u32 gulAsyncCount = 0;
 u32 gulSyncCount = 0;
+u64 gullSyncBytes = 0;
 
 u32 EchoHandler(u32, MSG_HANDLE hMsg, void *)
 {
@@ -34,7 +38,36 @@ u32 EchoHandler(u32, MSG_HANDLE hMsg, void *)
     std::vector<u8> echo(static_cast<const u8 *>(pBody), static_cast<const u8 *>(pBody) + ulLen);
     reinterpret_cast<ISP_MSG_S *>(echo.data())->ulResult = 0;
     __atomic_fetch_add(&gulSyncCount, 1u, __ATOMIC_RELAXED);
+    __atomic_fetch_add(&gullSyncBytes, static_cast<u64>(ulLen), __ATOMIC_RELAXED);
     return ISP_SendAckMsg(hMsg, echo.data(), ulLen);
+}
+
+// A display function: the text goes behind what pcOutBuf holds, within the
+// capacity that *pulOutBufLen gives, and *pulOutBufLen becomes the length.
+u32 ImgStats(u32 *pulOutBufLen, char *pcOutBuf)
+{
+    if (pulOutBufLen == nullptr || pcOutBuf == nullptr || *pulOutBufLen == 0)
+        return 1;
+    const size_t ulUsed = strnlen(pcOutBuf, *pulOutBufLen - 1);
+    const size_t ulRoom = *pulOutBufLen - ulUsed;
+    int lLen = std::snprintf(pcOutBuf + ulUsed, ulRoom, "sync requests answered: %u, %llu bytes\nasync records: %u\n",
+                             __atomic_load_n(&gulSyncCount, __ATOMIC_RELAXED),
+                             static_cast<unsigned long long>(__atomic_load_n(&gullSyncBytes, __ATOMIC_RELAXED)),
+                             __atomic_load_n(&gulAsyncCount, __ATOMIC_RELAXED));
+    if (lLen < 0)
+        return 1;
+    *pulOutBufLen = static_cast<u32>(ulUsed + std::min(static_cast<size_t>(lLen), ulRoom - 1));
+    return 0;
+}
+
+// "isp img stats": two titles under the root word; register before the debug
+// tool starts, for it fetches the tree once.
+u32 RegImgCommands()
+{
+    CMD_ELEMENT_S astElem[2];
+    CMD_SetCmdElement(&astElem[0], CMD_PARAM_TITLE, "img", "image module");
+    CMD_SetCmdElement(&astElem[1], CMD_PARAM_TITLE, "stats", "display requests answered and their bytes");
+    return CMD_RegDisplayCmd(ImgStats, astElem, 2);
 }
 
 }  // namespace
@@ -75,6 +108,8 @@ int main(int argc, char **argv)
         IBP_Destroy();
         return 1;
     }
+    if (RegImgCommands() != 0)
+        std::fprintf(stderr, "ibp-isp: cannot register the debug command \"isp img stats\"; going on without it\n");
     std::printf("ibp-isp: serving ISP_IMG (%#x) on 127.0.0.1:%u\n", ulModuleID,
                 static_cast<unsigned>(gastProcCfgInfo[0].usSocketPort));
     std::fflush(stdout);

@@ -1,6 +1,8 @@
 // Library start-up and shut-down for the service and the debug tool process.
 #include "ibp/isp_bp.h"
 
+#include "ibp/bp_debug.h"
+#include "ibp/isp_cmd.h"
 #include "ibp/isp_log.h"
 #include "ibp/isp_module.h"
 #include "log/log_internal.h"
@@ -40,6 +42,12 @@ IBP_API u32 IBP_Init(IBP_INIT_S *pstInit)
         return 1;
     }
     // The debug tool asks the service's command service; it has none itself.
+    if (pstInit->bIsDt != 0)
+        return 0;
+    // Without the command service the runtime still runs: not fatal.
+    if (CMD_Init() != 0)
+        IBP_WRN("CMD_Init fail");
+    (void)IBP_RegDebugCmd();
     return 0;
 }
 
