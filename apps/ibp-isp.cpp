@@ -13,6 +13,7 @@
 #include <cstring>
 #include <vector>
 
+#include "app_options.h"
 #include "ibp/ibp.h"
 
 namespace {
@@ -70,18 +71,34 @@ u32 RegImgCommands()
     return CMD_RegDisplayCmd(ImgStats, astElem, 2);
 }
 
+const AppOption kOptions[] = {
+    {"log-stdout", 0, nullptr, "log to standard output instead of the files under /var/log"},
+};
+
+const AppInfo kInfo = {
+    "ibp-isp", "[--log-stdout]",
+    "Runs the sample image service: answers every synchronous record sent to its\n"
+    "module ISP_IMG and serves the debug commands, until SIGINT or SIGTERM.",
+    kOptions, sizeof(kOptions) / sizeof(kOptions[0]),
+    "Exit status: 0 stopped by a signal, 1 could not start, 2 bad command line.\n"};
+
 }  // namespace
 
 int main(int argc, char **argv)
 {
     bool bStdout = false;
-    for (int i = 1; i < argc; i++) {
-        if (std::strcmp(argv[i], "--log-stdout") == 0) {
-            bStdout = true;
-        } else {
-            std::fprintf(stderr, "usage: %s [--log-stdout]\n", argv[0]);
-            return 2;
-        }
+    int lStatus = AppParseOptions(argc, argv, kInfo, [&](int, const char *) {
+        bStdout = true;
+        return true;
+    });
+    if (lStatus >= 0)
+        return lStatus;
+
+    const unsigned ulPort = gastProcCfgInfo[0].usSocketPort;  // the row of "ISP"
+    if (AppUdpPortInUse(static_cast<unsigned short>(ulPort))) {
+        AppError(kInfo, "UDP port %u on 127.0.0.1 is in use, most likely by another ibp-isp; stop it and start again",
+                 ulPort);
+        return 1;
     }
 
     // Block the stop signals before any thread exists, so that every thread
@@ -98,20 +115,19 @@ int main(int argc, char **argv)
     for (u32 &ulLevel : stInit.stLogInit.aulLevel)
         ulLevel = LOG_LEVEL_INF;
     if (IBP_Init(&stInit) != 0) {
-        std::fprintf(stderr, "ibp-isp: IBP_Init failed\n");
+        AppError(kInfo, "the library did not start; see the records of /var/log/ISP_ALG00.log (or run with --log-stdout)");
         return 1;
     }
     u32 ulModuleID = 0;
     if (MOD_RegModule("ISP_IMG", &ulModuleID) != 0 || MOD_RegMsgProc(ulModuleID, 0, EchoHandler, nullptr) != 0) {
-        std::fprintf(stderr, "ibp-isp: cannot register ISP_IMG\n");
+        AppError(kInfo, "cannot register the module ISP_IMG; see the records of /var/log/ISP_ALG00.log");
         MOD_SysDestroy();
         IBP_Destroy();
         return 1;
     }
     if (RegImgCommands() != 0)
         std::fprintf(stderr, "ibp-isp: cannot register the debug command \"isp img stats\"; going on without it\n");
-    std::printf("ibp-isp: serving ISP_IMG (%#x) on 127.0.0.1:%u\n", ulModuleID,
-                static_cast<unsigned>(gastProcCfgInfo[0].usSocketPort));
+    std::printf("ibp-isp: serving ISP_IMG (%#x) on 127.0.0.1:%u\n", ulModuleID, ulPort);
     std::fflush(stdout);
 
     int lSig = 0;

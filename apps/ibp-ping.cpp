@@ -3,15 +3,18 @@
 //
 //   ibp-ping [-n COUNT] [-s RECORD_BYTES] [-t TIMEOUT_MS] [--log-stdout]
 //   defaults: 100 records of 64 bytes (24-byte head and 40 bytes of body), 2000 ms
-// Exit status 0 when every request was answered, 1 otherwise.
+// Exit status 0 when every request was answered, 1 otherwise, 2 for a bad
+// command line. When the first request goes unanswered it stops at once: no
+// service is there to answer the others.
 #include <time.h>
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
+#include <string>
 #include <vector>
 
+#include "app_options.h"
 #include "ibp/ibp.h"
 
 namespace {
@@ -23,27 +26,37 @@ struct Options {
     bool bStdout = false;
 };
 
-bool ParseArgs(int argc, char **argv, Options *pstOpt)
+const std::string kSizeHelp = "bytes of each record, head included (" + std::to_string(ISP_MSG_HDR_LEN) + " to " +
+                              std::to_string(ISP_MSG_HDR_LEN + ISP_MSG_MAX_BODY_LEN) + ", default 64)";
+
+const AppOption kOptions[] = {
+    {"count", 'n', "COUNT", "records to send (default 100)"},
+    {"size", 's', "BYTES", kSizeHelp.c_str()},
+    {"timeout", 't', "MS", "time to wait for each answer (default 2000 ms)"},
+    {"log-stdout", 0, nullptr, "log to standard output instead of the files under /var/log"},
+};
+
+const AppInfo kInfo = {
+    "ibp-ping", "[-n COUNT] [-s BYTES] [-t MS] [--log-stdout]",
+    "Sends synchronous records to the module ISP_IMG of a running ibp-isp, from a\n"
+    "debug tool process, and prints the round-trip times.",
+    kOptions, sizeof(kOptions) / sizeof(kOptions[0]),
+    "Exit status: 0 every record answered, 1 a record unanswered or the tool could\n"
+    "not start, 2 bad command line.\n"};
+
+bool TakeOption(Options *pstOpt, int lKey, const char *pcArg)
 {
-    for (int i = 1; i < argc; i++) {
-        const char *pcArg = argv[i];
-        if (std::strcmp(pcArg, "--log-stdout") == 0) {
+    switch (lKey) {
+        case 'n':
+            return AppParseU32(pcArg, 1, 0xFFFFFFFFul, &pstOpt->ulCount);
+        case 's':
+            return AppParseU32(pcArg, ISP_MSG_HDR_LEN, ISP_MSG_HDR_LEN + ISP_MSG_MAX_BODY_LEN, &pstOpt->ulRecordLen);
+        case 't':
+            return AppParseU32(pcArg, 1, 0xFFFFFFFFul, &pstOpt->ulTimeout);
+        default:
             pstOpt->bStdout = true;
-            continue;
-        }
-        if (i + 1 >= argc)
-            return false;
-        unsigned long ulValue = std::strtoul(argv[++i], nullptr, 0);
-        if (std::strcmp(pcArg, "-n") == 0)
-            pstOpt->ulCount = static_cast<u32>(ulValue);
-        else if (std::strcmp(pcArg, "-s") == 0)
-            pstOpt->ulRecordLen = static_cast<u32>(ulValue);
-        else if (std::strcmp(pcArg, "-t") == 0)
-            pstOpt->ulTimeout = static_cast<u32>(ulValue);
-        else
-            return false;
+            return true;
     }
-    return pstOpt->ulRecordLen >= ISP_MSG_HDR_LEN && pstOpt->ulRecordLen <= ISP_MSG_HDR_LEN + ISP_MSG_MAX_BODY_LEN;
 }
 
 double NowMs()
@@ -83,10 +96,15 @@ void PrintTimes(std::vector<double> &times, u32 ulFailures)
 int main(int argc, char **argv)
 {
     Options stOpt;
-    if (!ParseArgs(argc, argv, &stOpt)) {
-        std::fprintf(stderr, "usage: %s [-n COUNT] [-s RECORD_BYTES 24..%u] [-t TIMEOUT_MS] [--log-stdout]\n", argv[0],
-                     ISP_MSG_HDR_LEN + ISP_MSG_MAX_BODY_LEN);
-        return 2;
+    int lStatus = AppParseOptions(argc, argv, kInfo, [&](int lKey, const char *pcArg) { return TakeOption(&stOpt, lKey, pcArg); });
+    if (lStatus >= 0)
+        return lStatus;
+
+    const unsigned ulPort = gastProcCfgInfo[1].usSocketPort;  // the row of "DT"
+    if (AppUdpPortInUse(static_cast<unsigned short>(ulPort))) {
+        AppError(kInfo, "UDP port %u on 127.0.0.1 is in use by another debug tool (ibp-dt or ibp-ping); "
+                 "let it finish or stop it, then try again", ulPort);
+        return 1;
     }
     IBP_INIT_S stInit{};
     stInit.bIsDt = 1;
@@ -94,7 +112,7 @@ int main(int argc, char **argv)
     for (u32 &ulLevel : stInit.stLogInit.aulLevel)
         ulLevel = LOG_LEVEL_WRN;
     if (IBP_Init(&stInit) != 0) {
-        std::fprintf(stderr, "ibp-ping: IBP_Init failed\n");
+        AppError(kInfo, "the library did not start; see the records of /var/log/ISP_ALG00.log (or run with --log-stdout)");
         return 1;
     }
     u32 ulModuleID = 0;
@@ -113,13 +131,21 @@ int main(int argc, char **argv)
     u32 ulFailures = 0;
     for (u32 i = 0; i < stOpt.ulCount; i++) {
         double dStart = NowMs();
-        if (PingOnce(req, i, stOpt.ulTimeout))
+        if (PingOnce(req, i, stOpt.ulTimeout)) {
             times.push_back(NowMs() - dStart);
-        else
-            ulFailures++;
+            continue;
+        }
+        ulFailures++;
+        if (times.empty()) {
+            AppError(kInfo, "no answer from ibp-isp on 127.0.0.1:%u within %u ms; start ibp-isp first",
+                     static_cast<unsigned>(gastProcCfgInfo[0].usSocketPort), stOpt.ulTimeout);
+            break;
+        }
     }
-    std::printf("ibp-ping: %u records of %u bytes to ISP_IMG\n", stOpt.ulCount, stOpt.ulRecordLen);
-    PrintTimes(times, ulFailures);
+    if (!times.empty()) {
+        std::printf("ibp-ping: %u records of %u bytes to ISP_IMG\n", stOpt.ulCount, stOpt.ulRecordLen);
+        PrintTimes(times, ulFailures);
+    }
 
     if (ulModuleID != 0)
         MOD_UnregModule(ulModuleID);

@@ -1,0 +1,19 @@
+#!/bin/sh
+# check_stop_errors.sh EXPECTED BIN_DIR: in a private network namespace, the
+# errors that stop ibp-ping (no service) and a second ibp-isp (port taken)
+# are one line each on standard error, with exit status 1.
+expected=$1 bin=$2
+[ -n "${IBP_TEST_ISOLATED:-}" ] || { echo "needs private namespaces: ${IBP_TEST_NO_ISOLATION:-not run through isolate.sh}"; exit 1; }
+tmp=$(mktemp -d) || exit 1
+trap 'kill "$service" 2>/dev/null; rm -rf "$tmp"' EXIT
+status=0
+"$bin/ibp-ping" -n 5 -t 300 --log-stdout >/dev/null 2>"$tmp/err"
+[ $? -eq 1 ] || status=1
+"$bin/ibp-isp" --log-stdout >"$tmp/service" 2>&1 &
+service=$!
+for _ in $(seq 50); do grep -qs serving "$tmp/service" && break; sleep 0.1; done
+"$bin/ibp-isp" --log-stdout >/dev/null 2>>"$tmp/err"
+[ $? -eq 1 ] || status=1
+[ $status -eq 0 ] || echo "a program did not exit with status 1"
+if ! diff -u "$expected" "$tmp/err"; then status=1; fi
+exit $status
