@@ -4,7 +4,7 @@
 set -euo pipefail
 
 native=(g++ cmake make pkg-config libgtest-dev libbenchmark-dev libmxml-dev
-        unzip zip iproute2 util-linux binutils jq
+        unzip zip iproute2 util-linux binutils jq doxygen mandoc dpkg-dev
         g++-arm-linux-gnueabihf binutils-arm-linux-gnueabihf qemu-user)
 armhf=(libmxml-dev:armhf libgtest-dev:armhf)
 
