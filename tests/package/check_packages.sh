@@ -1,0 +1,61 @@
+#!/bin/sh
+# check_packages.sh PACKAGE_DIR VERSION: the six Debian packages of `make
+# package`. The x86-64 ones are unpacked into a scratch root, where a
+# consumer is built with pkg-config and with find_package(ibp) and the tools
+# run; the armhf ones are inspected: architecture, contents, ELF headers.
+dir=$(cd "$1" && pwd) version=$2
+here=$(cd "$(dirname "$0")" && pwd)
+apps=$here/../../apps
+major=${version%%.*}
+scratch=$(mktemp -d -p "$dir") || exit 1
+trap 'rm -rf "$scratch"' EXIT
+status=0
+fail() { echo "$*"; status=1; }
+
+for arch in amd64 armhf; do
+    case $arch in amd64) multiarch=x86_64-linux-gnu ;; armhf) multiarch=arm-linux-gnueabihf ;; esac
+    root=$scratch/$arch
+    for pkg in libibp$major libibp-dev ibp-tools; do
+        deb=$dir/${pkg}_${version}_$arch.deb
+        [ -f "$deb" ] || { fail "missing $deb"; continue; }
+        [ "$(dpkg-deb -f "$deb" Architecture)" = "$arch" ] || fail "$deb: architecture $(dpkg-deb -f "$deb" Architecture)"
+        dpkg-deb -c "$deb" | awk '{print $6}' | grep -v '/$' | sed "s|^|$pkg |" >>"$scratch/contents-$arch"
+        dpkg -x "$deb" "$root" || fail "$deb does not unpack"
+    done
+    # Each wanted path in its package, every program with its page, no path in two packages.
+    { sed -n 's/^\([^#|]*\)|\(.*\)$/\1 \2/p' "$here/data/package_contents.txt"
+      for src in "$apps"/*.cpp; do
+          name=$(basename "$src" .cpp)
+          printf 'ibp-tools ./usr/bin/%s\nibp-tools ./usr/share/man/man1/%s.1\n' "$name" "$name"
+      done; } |
+        sed "s/@MAJOR@/$major/g; s/@VERSION@/$version/g; s/@MULTIARCH@/$multiarch/g" |
+        while read -r pkg path; do
+            grep -qxF "$pkg $path" "$scratch/contents-$arch" || echo "$arch: $pkg does not hold $path"
+        done >"$scratch/missing"
+    [ -s "$scratch/missing" ] && fail "$(cat "$scratch/missing")"
+    twice=$(awk '{print $2}' "$scratch/contents-$arch" | sort | uniq -d)
+    [ -z "$twice" ] || fail "$arch: in two packages: $twice"
+done
+
+# x86-64: a consumer both ways against the unpacked root, and the tools run.
+root=$scratch/amd64/usr
+sh "$here/build_consumer.sh" pkg-config "$root" "$scratch/pc" "$version" || status=1
+sh "$here/build_consumer.sh" cmake "$root" "$scratch/cm" "$version" || status=1
+for src in "$apps"/*.cpp; do
+    name=$(basename "$src" .cpp)
+    got=$(LD_LIBRARY_PATH=$root/lib/x86_64-linux-gnu "$root/bin/$name" --version)
+    [ "$got" = "$name $version" ] || fail "amd64 $name --version: $got"
+done
+
+# armhf: 32-bit ARM, hard float, the SONAME with the major of the package name.
+lib=$scratch/armhf/usr/lib/arm-linux-gnueabihf/libibp.so.$version
+for elf in "$lib" "$scratch"/armhf/usr/bin/*; do
+    head=$(arm-linux-gnueabihf-readelf -h "$elf") || { fail "armhf: $elf is no ELF file"; continue; }
+    echo "$head" | grep -q 'Class: *ELF32' || fail "armhf: $elf is not 32-bit"
+    echo "$head" | grep -q 'Machine: *ARM' || fail "armhf: $elf is not for ARM"
+    echo "$head" | grep -q 'hard-float' || fail "armhf: $elf is not hard-float"
+done
+arm-linux-gnueabihf-readelf -d "$lib" | grep -q "SONAME.*\[libibp\.so\.$major\]" || fail "armhf: SONAME of $lib"
+
+[ $status -eq 0 ] && echo "six packages as expected"
+exit $status
