@@ -3,7 +3,7 @@ BUILD ?= build
 JOBS ?= $(shell nproc)
 CMAKE ?= cmake
 
-.PHONY: all setup build demo check check-native check-armhf tsan bench install clean
+.PHONY: all setup build demo check check-native check-armhf tsan bench install uninstall docs package clean
 
 all: build
 
@@ -14,7 +14,10 @@ build: setup
 	$(CMAKE) -S . -B $(BUILD)/release -DCMAKE_BUILD_TYPE=Release -DIBP_BUILD_TESTS=OFF
 	$(CMAKE) --build $(BUILD)/release -j $(JOBS)
 
-demo: build
+# The same build as `make build`, one line per step and its output kept in
+# $(BUILD)/release.*.log unless it fails, so the demo is what the screen shows.
+demo: setup
+	@scripts/quiet_build.sh $(BUILD)/release
 	@scripts/demo.sh $(BUILD)/release
 
 check: setup
@@ -36,7 +39,21 @@ bench: setup
 	@JOBS=$(JOBS) scripts/bench.sh $(BUILD)
 
 install: build
-	$(CMAKE) --install $(BUILD)/release
+	$(CMAKE) --install $(BUILD)/release $(if $(PREFIX),--prefix $(PREFIX))
+
+# Removes what the last `make install` put in (its install_manifest.txt).
+uninstall:
+	$(CMAKE) -DMANIFEST=$(BUILD)/release/install_manifest.txt -P cmake/uninstall.cmake
+
+# API reference of include/ibp/ in $(BUILD)/docs/html; a warning fails it.
+docs: setup
+	@$(CMAKE) -S . -B $(BUILD)/release -DCMAKE_BUILD_TYPE=Release -DIBP_BUILD_TESTS=OFF \
+		-DIBP_DOCS_DIR=$(abspath $(BUILD))/docs >/dev/null
+	$(CMAKE) --build $(BUILD)/release --target docs
+
+# Debian packages for x86-64 and armhf in $(BUILD)/packages, then checked.
+package: setup
+	@JOBS=$(JOBS) scripts/package.sh $(BUILD)
 
 clean:
 	rm -rf $(BUILD)
