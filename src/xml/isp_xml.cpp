@@ -45,6 +45,18 @@ void LoadSaxCb(mxml_node_t *pstNode, mxml_sax_event_t enEvent, void *pData)
     mxmlRetain(pstNode);
 }
 
+// The exported function that is loading a file on this thread, for the
+// records of Mini-XML's own complaints.
+thread_local const char *tpcLoadingFunc = "XML_Init";
+
+// Mini-XML reports what it finds wrong in a file ("XML does not start with
+// '<'", an unterminated character entity, ...) through this callback instead
+// of on standard error: one record each, ahead of the record of the failed load.
+void MxmlErrorCb(const char *pcMessage)
+{
+    XML_ERR_AS(tpcLoadingFunc, "Mini-XML: %s", pcMessage);
+}
+
 const char *NodeName(mxml_node_t *pstNode)
 {
     const char *pcName = mxmlGetElement(pstNode);
@@ -179,6 +191,9 @@ bool LoadDocument(const char *pcFunc, XML_DOC_S *pstDoc, const char *pcXmlFile, 
     ISP_strncpy(pstDoc->acFileName, pcOpenPath, sizeof(pstDoc->acFileName) - 1);
 
     s32 lOpen = 0;
+    // Mini-XML keeps its error callback per thread: set it on the one that loads.
+    tpcLoadingFunc = pcFunc;
+    mxmlSetErrorCallback(MxmlErrorCb);
     pstDoc->pstRoot = mxmlSAXLoadFile(nullptr, pstFile, LoadTypeCb, LoadSaxCb, &lOpen);
     if (pstDoc->pstRoot != nullptr && lOpen != 0) {
         mxmlDelete(pstDoc->pstRoot);

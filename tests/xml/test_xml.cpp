@@ -116,16 +116,30 @@ TEST_F(XmlTest, FailedOpensGiveARecordPair)
     EXPECT_EQ(XML_InitLensFile("/tmp/none.xml"), nullptr);
     EXPECT_EQ(TextsOf(cap), (Texts{"ERR fopen file /tmp/none.xml fail", "ERR xml init /tmp/none.xml fail!"}));
     EXPECT_EQ(cap.Records().back().func, "XML_InitLensFile");
-    const std::string bad[] = {
-        "", WithDecl("<cfg><a>1</a>"), WithDecl("<cfg><a><b>1</cfg>"), WithDecl("<cfg><a>1</b></cfg>"),
-        std::string("<cfg>\0\x01</cfg>", 13), WithDecl(std::string(20000, '<')), WithDecl(Deep(100000, 10)),
+    // Each with what Mini-XML says about it, in a record of its own and not on standard error.
+    const std::pair<std::string, const char *> bad[] = {
+        {"", nullptr},
+        {"cfg", "XML does not start with '<' (saw 'c')."},
+        {WithDecl("<cfg><a>1</a>"), "Missing close tag </cfg> under parent <?xml version=\"1.0\"?> on line 3."},
+        {WithDecl("<cfg><a><b>1</cfg>"), "Mismatched close tag </cfg> under parent <b> on line 2."},
+        {WithDecl("<cfg><a>1</b></cfg>"), "Mismatched close tag </b> under parent <a> on line 2."},
+        {WithDecl("<cfg>&amp</cfg>"), "Character entity 'amp' not terminated under parent <cfg> on line 2."},
+        {std::string("<cfg>\0\x01</cfg>", 13), "Bad control character 0x00 not allowed by XML standard."},
+        {WithDecl(std::string(20000, '<')), "Bare < in element."},
+        {WithDecl(Deep(100000, 10)), "Missing close tag </d> under parent <d> on line 3."},
     };
-    for (const std::string &text : bad) {
+    for (const auto &[text, mxml] : bad) {
         SCOPED_TRACE(text.substr(0, 60));
         cap.Clear();
         WriteFile("/tmp/bad.xml", text);
+        testing::internal::CaptureStderr();
         EXPECT_EQ(XML_Init("/tmp/bad.xml", nullptr), nullptr);
-        EXPECT_EQ(TextsOf(cap), (Texts{"ERR mxmlLoadFile fail", "ERR xml init /tmp/bad.xml fail!"}));
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+        Texts want{"ERR mxmlLoadFile fail", "ERR xml init /tmp/bad.xml fail!"};
+        if (mxml != nullptr)
+            want.insert(want.begin(), std::string("ERR Mini-XML: ") + mxml);
+        EXPECT_EQ(TextsOf(cap), want);
+        EXPECT_EQ(cap.Records().front().func, "XML_Init");
         EXPECT_EQ(cap.Records().back().func, "XML_Init");
     }
     // Names the shell would interpret are refused before anything runs, so these need no child process.
@@ -330,7 +344,9 @@ TEST_F(XmlTest, ZipMembersAreReadAndTheTemporaryFileRemoved)
         {"a.xml", kArc, 11, {}},
         {"sub/b_1+x-y.xml", kArc, 22, {}},
         {kLongest, kArc, 33, {}},
-        {"bad.xml", kArc, -1, {"ERR mxmlLoadFile fail", "ERR xml init bad.xml fail!"}},
+        {"bad.xml", kArc, -1,
+         {"ERR Mini-XML: Mismatched close tag </cfg> under parent <v> on line 2.", "ERR mxmlLoadFile fail",
+          "ERR xml init bad.xml fail!"}},
         {"missing.xml", kArc, -1, {"ERR fopen file /tmp/missing.xml fail", "ERR xml init missing.xml fail!"}},
         {"a.xml", "/tmp/arc/none.zip", -1, {"ERR fopen file /tmp/a.xml fail", "ERR xml init a.xml fail!"}},
         {kTooLong, kArc, -1,
