@@ -1,4 +1,5 @@
-/* Everything the library exports. */
+/** @file
+ * Everything the library exports. */
 #ifndef IBP_IBP_H
 #define IBP_IBP_H
 

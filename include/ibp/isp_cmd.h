@@ -60,7 +60,7 @@ typedef struct {
     u32 ulAddedNum;            /**< children linked so far (debug tool side only) */
     CMD_PROC_PFN pfnCmdProc;   /**< on end nodes of the service only */
     u32 enParamType;           /**< CMD_PARAM_TYPE_E */
-    char szTitle[CMD_TITLE_LEN];
+    char szTitle[CMD_TITLE_LEN]; /**< the word of the node */
     char szHelp[CMD_HELP_LEN]; /**< type word, colon, help: "title:display proc cfg" */
     MOD_LIST_S stSibling;      /**< ring of the siblings */
     MOD_LIST_S stChild;        /**< pstNext leads to the first child's stChild */
@@ -68,9 +68,9 @@ typedef struct {
 
 /** One row of the table of full commands. */
 typedef struct {
-    CMD_PROC_PFN pfnCmdProc;
+    CMD_PROC_PFN pfnCmdProc;          /**< display function of the command */
     char szFullCmd[CMD_FULL_CMD_LEN]; /**< canonical text, "<isp bp proc cfg >" */
-    MOD_LIST_S stNode;
+    MOD_LIST_S stNode;                /**< link of the table */
 } CMD_FULL_CMD_S;
 
 /** Sets up the tree, the table, the result buffer and the handler on

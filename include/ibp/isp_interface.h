@@ -1,4 +1,5 @@
-/* Default entry points of the camera control interface. Each entry point has
+/** @file
+ * Default entry points of the camera control interface. Each entry point has
  * a global default under its name with a leading underscore (_ISP_Load) and a
  * weak alias under its plain name (ISP_Load) at the same address. An image
  * library overrides an entry point by defining the plain name; the underscore
@@ -18,12 +19,25 @@
 
 IBP_EXTERN_C_BEGIN
 
-/* The one non-zero result of the defaults. */
+/** @defgroup isp_interface_defaults Weak default entry points
+ * The 206 entry points of the camera control interface, listed once in
+ * ISP_INTERFACE_TABLE. For each X(name, kind) of the table the library
+ * exports a default _name (global) and name (weak alias of _name), both
+ * declared as u32 name(...). The defaults ignore their arguments and do
+ * what kind says: OK and ERR write the information record "func entry" of
+ * the entry point, OK returns 0 and ERR ISP_DEFAULT_ERROR; QUIET returns 0
+ * and writes nothing. An image library replaces an entry point by defining
+ * its plain name; _name still reaches the default.
+ * @{ */
+
+/** The one non-zero result of the defaults. */
 #define ISP_DEFAULT_ERROR 0x23FF
 
 #if defined(__cplusplus) || (defined(__STDC_VERSION__) && __STDC_VERSION__ >= 202311L)
 #define ISP_IF_ANY_ARGS ...
 #else
+/** Parameter list of the declarations: "..." in C++ and C23, none (no
+ * prototype) in older C, so that any arguments may be passed. */
 #define ISP_IF_ANY_ARGS
 #endif
 
@@ -32,14 +46,14 @@ IBP_EXTERN_C_BEGIN
  *   ERR    writes it and returns ISP_DEFAULT_ERROR;
  *   QUIET  returns 0 and writes nothing.
  * A user of the table pastes the column onto ISP_IF_RESULT_ / ISP_IF_LOGS_. */
-#define ISP_IF_RESULT_OK 0u
-#define ISP_IF_RESULT_ERR ((u32)ISP_DEFAULT_ERROR)
-#define ISP_IF_RESULT_QUIET 0u
-#define ISP_IF_LOGS_OK 1
-#define ISP_IF_LOGS_ERR 1
-#define ISP_IF_LOGS_QUIET 0
+#define ISP_IF_RESULT_OK 0u                        /**< result of an OK default */
+#define ISP_IF_RESULT_ERR ((u32)ISP_DEFAULT_ERROR) /**< result of an ERR default */
+#define ISP_IF_RESULT_QUIET 0u                     /**< result of a QUIET default */
+#define ISP_IF_LOGS_OK 1                           /**< an OK default writes its record */
+#define ISP_IF_LOGS_ERR 1                          /**< an ERR default writes its record */
+#define ISP_IF_LOGS_QUIET 0                        /**< a QUIET default writes nothing */
 
-/* Every entry point, one per line: X(plain name, what the default does). */
+/** Every entry point, one per line: X(plain name, what the default does). */
 #define ISP_INTERFACE_TABLE(X) \
     /* General */ \
     X(ISP_Load, OK) \
@@ -262,15 +276,19 @@ IBP_EXTERN_C_BEGIN
     X(ISP_SetTGWinOptEnable, OK) \
     X(ISP_WindowProc, OK)
 
+/** Declares the default _name of one row of the table. */
 #define ISP_IF_DECLARE_DEFAULT(name, kind) IBP_API u32 _##name(ISP_IF_ANY_ARGS);
 ISP_INTERFACE_TABLE(ISP_IF_DECLARE_DEFAULT)
 #undef ISP_IF_DECLARE_DEFAULT
 
 #ifndef ISP_INTERFACE_OWN_PROTOTYPES
+/** Declares the weak entry point name of one row of the table. */
 #define ISP_IF_DECLARE_ENTRY(name, kind) IBP_API u32 name(ISP_IF_ANY_ARGS);
 ISP_INTERFACE_TABLE(ISP_IF_DECLARE_ENTRY)
 #undef ISP_IF_DECLARE_ENTRY
 #endif
+
+/** @} */
 
 IBP_EXTERN_C_END
 

@@ -1,4 +1,5 @@
-/* Sending: synchronous requests with their acks, one-way messages, acks and
+/** @file
+ * Sending: synchronous requests with their acks, one-way messages, acks and
  * forwards between modules of one process or of the two processes; and the
  * application calls that carry a plain ISP_MSG_S record as the body.
  *
@@ -14,37 +15,54 @@
 
 IBP_EXTERN_C_BEGIN
 
+/** Fills in the header of a message: prefix, type, identifier, the source
+ * and destination modules and their processes, and a new association
+ * identifier of the source module. Returns 0 or 1. */
 IBP_API u32 MSG_ConfigHdr(MSG_HANDLE hMsg, u32 ulSrcModuleID, u32 ulDstModuleID,
                           MSG_TYPE_E enMsgType, u32 ulMsgID);
-/* Blocks the calling thread until the ack comes or the time-out (ms, counted in
- * 10 ms steps) runs out. */
+/** Sends a synchronous request and blocks the calling thread until the ack
+ * comes or the time-out (ms, counted in 10 ms steps) runs out. The ack, stored
+ * in *phAckMsg, is the caller's (MSG_Destroy). Returns 0 or 1. */
 IBP_API u32 MSG_SendSyncMsg(u32 ulDstModuleID, u32 ulMsgID, MSG_HANDLE hReqMsg, u32 ulTimeout,
                             MSG_HANDLE *phAckMsg);
+/** Sends a one-way message. Returns 0 or 1; the message is gone either way. */
 IBP_API u32 MSG_SendAsyncMsg(u32 ulDstModuleID, u32 ulMsgID, MSG_HANDLE hReqMsg);
+/** Sends hAckMsg as the answer to the request hReqMsg, back to its sender.
+ * Returns 0 or 1. */
 IBP_API u32 MSG_SendAckMsg(MSG_HANDLE hReqMsg, MSG_HANDLE hAckMsg);
+/** Passes a message on to another module registered in this process, the
+ * header kept but for the destination. Returns 0 or 1. */
 IBP_API u32 MSG_ForwardMsg(u32 ulDstModuleID, MSG_HANDLE hReqMsg);
 
-/* The application message: a 24-byte head and ulBodyLen bytes, laid out in the
- * caller's memory exactly as it travels as a message body. */
+/** Bytes of the head of an application message. */
 #define ISP_MSG_HDR_LEN 24u
+/** Largest body of an application message: what is left of a message block. */
 #define ISP_MSG_MAX_BODY_LEN (MOD_BUF_MAX_LEN - 1u - MSG_HDR_LEN - ISP_MSG_HDR_LEN)
 
+/** The application message: a 24-byte head and ulBodyLen bytes, laid out in
+ * the caller's memory exactly as it travels as a message body. */
 typedef struct {
-    u32 ulDstModuleID;
-    u32 ulAppWord1;
-    u32 ulAppWord2;
-    u32 ulResult; /* in a synchronous ack: 0, or what the requester's call returns */
-    u32 ulMsgID;
-    u32 ulBodyLen;
-    u8 aucBody[];
+    u32 ulDstModuleID; /**< module that receives it */
+    u32 ulAppWord1;    /**< the application's, carried unchanged */
+    u32 ulAppWord2;    /**< the application's, carried unchanged */
+    u32 ulResult;      /**< in a synchronous ack: 0, or what the requester's call returns */
+    u32 ulMsgID;       /**< message identifier: selects the handler */
+    u32 ulBodyLen;     /**< bytes of aucBody */
+    u8 aucBody[];      /**< the body */
 } ISP_MSG_S;
 
-/* The request stays the caller's. A record returned through ppstAckMsg is a
- * heap block for ISP_free. Returns 0, 1, or the ack's ulResult. */
+/** Sends pstReqMsg as a synchronous request to its ulDstModuleID and waits
+ * at most ulTimeout ms. The request stays the caller's. The ack, a heap block
+ * for ISP_free, is stored through ppstAckMsg. Returns 0, 1, or the ack's
+ * ulResult. */
 IBP_API u32 ISP_SendSyncMsg(const ISP_MSG_S *pstReqMsg, u32 ulTimeout, ISP_MSG_S **ppstAckMsg);
+/** Sends pstReqMsg one way to its ulDstModuleID; the record stays the
+ * caller's. Returns 0 or 1. */
 IBP_API u32 ISP_SendAsyncMsg(const ISP_MSG_S *pstReqMsg);
+/** From a handler: answers the request hReqMsg with ulMemLen bytes at pMem,
+ * usually an ISP_MSG_S. Returns 0 or 1. */
 IBP_API u32 ISP_SendAckMsg(MSG_HANDLE hReqMsg, const void *pMem, u32 ulMemLen);
-/* 1 when ulLen is the record's head plus its ulBodyLen, else 0. */
+/** 1 when ulLen is the record's head plus its ulBodyLen, else 0. */
 IBP_API u32 ISP_IsMsgValid(const ISP_MSG_S *pstMsg, u32 ulLen);
 
 IBP_EXTERN_C_END
