@@ -115,7 +115,8 @@ int main(int argc, char **argv)
     for (u32 &ulLevel : stInit.stLogInit.aulLevel)
         ulLevel = LOG_LEVEL_INF;
     if (IBP_Init(&stInit) != 0) {
-        AppError(kInfo, "the library did not start; see the records of /var/log/ISP_ALG00.log (or run with --log-stdout)");
+        AppError(kInfo,
+                 "the library did not start; see the records of /var/log/ISP_ALG00.log (or run with --log-stdout)");
         return 1;
     }
     u32 ulModuleID = 0;

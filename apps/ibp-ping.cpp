@@ -86,7 +86,9 @@ void PrintTimes(std::vector<double> &times, u32 ulFailures)
     if (times.empty())
         return;
     std::sort(times.begin(), times.end());
-    auto at = [&](double q) { return times[std::min(times.size() - 1, static_cast<size_t>(q * static_cast<double>(times.size())))]; };
+    auto at = [&](double q) {
+        return times[std::min(times.size() - 1, static_cast<size_t>(q * static_cast<double>(times.size())))];
+    };
     std::printf("round trip ms: min %.2f  median %.2f  p99 %.2f  max %.2f\n", times.front(), at(0.5), at(0.99),
                 times.back());
 }
@@ -96,7 +98,8 @@ void PrintTimes(std::vector<double> &times, u32 ulFailures)
 int main(int argc, char **argv)
 {
     Options stOpt;
-    int lStatus = AppParseOptions(argc, argv, kInfo, [&](int lKey, const char *pcArg) { return TakeOption(&stOpt, lKey, pcArg); });
+    int lStatus = AppParseOptions(argc, argv, kInfo,
+                                  [&](int lKey, const char *pcArg) { return TakeOption(&stOpt, lKey, pcArg); });
     if (lStatus >= 0)
         return lStatus;
 
@@ -112,7 +115,8 @@ int main(int argc, char **argv)
     for (u32 &ulLevel : stInit.stLogInit.aulLevel)
         ulLevel = LOG_LEVEL_WRN;
     if (IBP_Init(&stInit) != 0) {
-        AppError(kInfo, "the library did not start; see the records of /var/log/ISP_ALG00.log (or run with --log-stdout)");
+        AppError(kInfo,
+                 "the library did not start; see the records of /var/log/ISP_ALG00.log (or run with --log-stdout)");
         return 1;
     }
     u32 ulModuleID = 0;
