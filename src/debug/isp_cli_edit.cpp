@@ -213,12 +213,12 @@ void CLI_OnEnter()
 }
 
 // Restores the terminal settings on every way out of the loop.
-class CLI_TERM_GUARD {
+class CliTermGuard {
 public:
-    explicit CLI_TERM_GUARD(const termios &stSaved) : stSaved_(stSaved) {}
-    ~CLI_TERM_GUARD() { tcsetattr(fileno(stdin), TCSANOW, &stSaved_); }
-    CLI_TERM_GUARD(const CLI_TERM_GUARD &) = delete;
-    CLI_TERM_GUARD &operator=(const CLI_TERM_GUARD &) = delete;
+    explicit CliTermGuard(const termios &stSaved) : stSaved_(stSaved) {}
+    ~CliTermGuard() { tcsetattr(fileno(stdin), TCSANOW, &stSaved_); }
+    CliTermGuard(const CliTermGuard &) = delete;
+    CliTermGuard &operator=(const CliTermGuard &) = delete;
 
 private:
     termios stSaved_;
@@ -307,7 +307,8 @@ void ISP_CLI_ShowHistroyCmd(CLI_HIST_DIR_E enDir)
 u8 ISP_CLI_NoWaitGetChar()
 {
     const int lFlags = ISP_fcntl(0, F_GETFL, 0);
-    if (ISP_fcntl(0, F_SETFL, lFlags | O_NONBLOCK) == -1) {
+    // Without the flags in hand, setting them would set every flag there is.
+    if (lFlags == -1 || ISP_fcntl(0, F_SETFL, lFlags | O_NONBLOCK) == -1) {
         CLI_ERR("ISP_fcntl fail");
         return 0;
     }
@@ -375,7 +376,8 @@ void ISP_CLI_Run()
         gpCmdTreeNode = nullptr;
         exit(1);
     }
-    CLI_TERM_GUARD stGuard(stSaved);
+    CliTermGuard stGuard(stSaved);
+    CLI_SetBatchOutput(false);
     ISP_snprintf(gszSysPrompt, sizeof(gszSysPrompt), "%s", kPrompt);
     memset(gszLineBuf, 0, sizeof(gszLineBuf));
     pcCursor = nullptr;

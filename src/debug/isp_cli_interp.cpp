@@ -187,7 +187,8 @@ CLI_MATCH_S CLI_MatchWord(CLI_NODE_S *pstCur, const char *pcWord)
         return {CliMatch::kNone, nullptr, false};
     if (ulNum > 1)
         return {CliMatch::kAmbiguous, nullptr, false};
-    const bool bParam = pstHit->enParamType == CMD_PARAM_STRING || (pstHit->enParamType == CMD_PARAM_INTEGER && bNumeric);
+    const bool bParam =
+        pstHit->enParamType == CMD_PARAM_STRING || (pstHit->enParamType == CMD_PARAM_INTEGER && bNumeric);
     // A unique abbreviation is not a command word; completing it is TAB's job.
     if (!bParam && strcmp(pstHit->szTitle, pcWord) != 0)
         return {CliMatch::kNone, nullptr, false};
@@ -300,8 +301,10 @@ CLI_RESULT_E CLI_Walk(const CLI_WORDS_S *pstWords)
             break;
         }
         const CLI_MATCH_S stMatch = CLI_MatchWord(pstCur, pcWord);
-        if (stMatch.enStatus != CliMatch::kFound)
-            return CLI_PrintReport(stMatch.enStatus == CliMatch::kAmbiguous ? CliReport::kAmbiguous : CliReport::kWrong, i);
+        if (stMatch.enStatus == CliMatch::kAmbiguous)
+            return CLI_PrintReport(CliReport::kAmbiguous, i);
+        if (stMatch.enStatus == CliMatch::kNone)
+            return CLI_PrintReport(CliReport::kWrong, i);
         CLI_Append(szFullCmd, sizeof(szFullCmd), stMatch.pstNode->szTitle);
         CLI_Append(szFullCmd, sizeof(szFullCmd), " ");
         if (stMatch.bParam && !CLI_AddParam(pcWord)) {

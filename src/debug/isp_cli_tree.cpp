@@ -393,7 +393,7 @@ CLI_RESULT_E ISP_CLI_Request(u32 ulMsgID, const char *pcCmd)
         // Without a module to speak as (the library is not started in this
         // process) it never did, and the request is still ours; in every
         // other case it is left alone, for the runtime may own it.
-        if (MOD_GetCurWorkModule() == nullptr)
+        if (hReq != nullptr && MOD_GetCurWorkModule() == nullptr)
             MSG_Destroy(hReq);
         return CLI_RESULT_NO_ANSWER;
     }
