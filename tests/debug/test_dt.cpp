@@ -1,0 +1,255 @@
+// ibp-dt as its user meets it: transcripts (keys in, screen out) typed into a
+// pseudo-terminal, -c lines and their exit statuses, and the first request on
+// the wire; against a real ibp-isp, none, or a service that the test plays.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <pty.h>
+#include <signal.h>
+#include <sys/wait.h>
+
+#include <array>
+#include <filesystem>
+#include <fstream>
+#include <map>
+
+#include "harness/test_env.h"
+#include "runtime/transport_util.h"
+
+using namespace ibptest;
+
+namespace {
+
+std::string Env(const char *pcName) { return getenv(pcName) != nullptr ? getenv(pcName) : ""; }
+std::string Data(const std::string &sRel) { return Env("IBP_TEST_DATA_DIR") + "/" + sRel; }
+std::string ReadFile(const std::string &sPath)
+{
+    std::ifstream in(sPath);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+std::string ReadAll(int fd, std::string s = "")  // to the end, or to EAGAIN
+{
+    char ac[4096];
+    for (ssize_t n; (n = read(fd, ac, sizeof(ac))) > 0;)
+        s.append(ac, n);
+    return s;
+}
+
+// A program of the build, under the emulator if there is one, with fds[i] as
+// its descriptor i; lKeep stays open in it and so ends with it.
+pid_t Start(const char *pcProg, std::vector<std::string> vecArgs, std::array<int, 3> fds, int lKeep = -1)
+{
+    vecArgs.insert(vecArgs.begin(), Env(pcProg));
+    if (!Env("IBP_EMULATOR").empty())
+        vecArgs.insert(vecArgs.begin(), Env("IBP_EMULATOR"));
+    std::vector<char *> argv;
+    for (std::string &s : vecArgs)
+        argv.push_back(s.data());
+    argv.push_back(nullptr);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        setsid();  // a pseudo-terminal on fds becomes its terminal
+        for (int i = 0; i < 3; i++)
+            dup2(fds[i], i);
+        if (lKeep >= 0)
+            fcntl(lKeep, F_SETFD, 0);
+        execv(argv[0], argv.data());
+        _exit(127);
+    }
+    return pid;
+}
+
+int Wait(pid_t pid)
+{
+    int lStatus = -1;
+    waitpid(pid, &lStatus, 0);
+    return WIFEXITED(lStatus) ? WEXITSTATUS(lStatus) : 128 + WTERMSIG(lStatus);
+}
+
+// The sample service, stopped with SIGINT at the end of the scope.
+struct Service {
+    int out[2] = {-1, -1};
+    pid_t pid = -1;
+    Service() { pipe2(out, O_CLOEXEC), pid = Start("IBP_ISP", {}, {0, out[1], out[1]}), close(out[1]); }
+    bool Ready()  // it says so on standard output once it serves
+    {
+        std::string s;
+        for (char c; s.find("serving") == std::string::npos && read(out[0], &c, 1) == 1;)
+            s += c;
+        return s.find("serving") != std::string::npos;
+    }
+    ~Service() { kill(pid, SIGINT), Wait(pid), close(out[0]); }
+};
+
+struct DtRun {
+    int lStatus;
+    std::string sOut, sErr;
+};
+
+DtRun RunDt(const std::vector<std::string> &vecArgs)
+{
+    int out[2], err[2];
+    pipe2(out, O_CLOEXEC), pipe2(err, O_CLOEXEC);
+    const pid_t pid = Start("IBP_DT", vecArgs, {0, out[1], err[1]});
+    close(out[1]), close(err[1]);
+    DtRun r{0, ReadAll(out[0]), ReadAll(err[0])};  // both small: no pipe fills up
+    r.lStatus = Wait(pid);
+    close(out[0]), close(err[0]);
+    return r;
+}
+
+// The rows that a terminal shows after `sOut`, trailing blanks cut.
+std::string Render(const std::string &sOut)
+{
+    std::vector<std::string> rows(1);
+    size_t r = 0, c = 0;
+    for (const char ch : sOut) {
+        if (ch == '\n' && ++r == rows.size())
+            rows.emplace_back();
+        c = ch == '\r' ? 0 : ch == '\b' ? c - (c > 0) : ch == '\t' ? (c / 8 + 1) * 8 : c;
+        if (isprint(static_cast<u8>(ch)) != 0) {
+            rows[r].resize(std::max(rows[r].size(), c + 1), ' ');
+            rows[r][c++] = ch;
+        }
+    }
+    std::string s;
+    for (std::string &row : rows)
+        s += row.erase(row.find_last_not_of(' ') + 1) + "\n";
+    return s;
+}
+
+// Keys as a .keys file writes them: \r \t \e (ESC) \b (BS) \d (DEL) \\; the file's line ends are no keys.
+std::string Keys(const std::string &sText)
+{
+    static const std::map<char, char> kEsc = {{'r', '\r'},  {'t', '\t'},    {'e', '\x1b'},
+                                              {'b', '\b'},  {'d', '\x7f'}, {'\\', '\\'}};
+    std::string s;
+    for (size_t i = 0; i < sText.size(); i++)
+        if (sText[i] != '\n')
+            s += sText[i] == '\\' ? kEsc.at(sText[++i]) : sText[i];
+    return s;
+}
+
+struct Session {
+    std::string sScreen;
+    int lStatus = -1;
+    bool bRestored = false;           // the terminal settings are those from before
+    std::vector<Bytes> datagrams;     // what the played service got
+};
+
+// Types `sKeys` into ibp-dt on a pseudo-terminal once its prompt shows. With
+// a tree text the test plays the service: the tree request gets the text,
+// every other request "operate success".
+Session Type(const std::string &sKeys, const std::string *psTree = nullptr)
+{
+    Session s;
+    int lMaster = -1, lSlave = -1, ex[2];
+    termios before{}, after{};
+    EXPECT_EQ(openpty(&lMaster, &lSlave, nullptr, nullptr, nullptr), 0);
+    fcntl(lMaster, F_SETFL, O_NONBLOCK);
+    tcgetattr(lSlave, &before);
+    const int lUdp = psTree != nullptr ? socket(AF_INET, SOCK_DGRAM, 0) : -1;
+    const sockaddr_in isp = {AF_INET, htons(7001), {htonl(INADDR_LOOPBACK)}, {}};
+    const sockaddr_in dt = {AF_INET, htons(7002), isp.sin_addr, {}};
+    EXPECT_TRUE(lUdp < 0 || bind(lUdp, reinterpret_cast<const sockaddr *>(&isp), sizeof(isp)) == 0);
+    pipe2(ex, O_CLOEXEC);  // reaches its end when the tool ends
+    const pid_t pid = Start("IBP_DT", {}, {lSlave, lSlave, lSlave}, ex[1]);
+    close(ex[1]);
+    std::string sOut;
+    for (pollfd p[3] = {{ex[0], POLLIN, 0}, {lMaster, POLLIN, 0}, {lUdp, POLLIN, 0}}; p[0].revents == 0;) {
+        // A safety bound only: every wait ends on output, a datagram or the exit.
+        if (poll(p, lUdp >= 0 ? 3 : 2, 20000) <= 0) {
+            ADD_FAILURE() << "ibp-dt hangs; its screen:\n" << Render(sOut);
+            kill(pid, SIGKILL);
+            break;
+        }
+        const bool bPrompted = sOut.find("[CMD] ") != std::string::npos;
+        sOut = ReadAll(lMaster, sOut);
+        if (!bPrompted && sOut.find("[CMD] ") != std::string::npos) {  // raw mode is on
+            EXPECT_EQ(write(lMaster, sKeys.data(), sKeys.size()), ssize_t(sKeys.size()));
+        }
+        if ((p[2].revents & POLLIN) != 0) {
+            Bytes &b = s.datagrams.emplace_back(8192);
+            b.resize(std::max<ssize_t>(recv(lUdp, b.data(), b.size(), 0), MSG_HDR_LEN));
+            const auto *h = reinterpret_cast<const MSG_HDR_S *>(b.data());
+            const std::string sAnswer = h->ulMsgID == 0x10001 ? *psTree : "operate success";
+            const Bytes ack = MakeBlock(MSG_TYPE_SYNC_ACK, h->ulMsgID, h->ulDstModuleID, h->ulSrcModuleID,
+                                        h->ulDstProcID, h->ulSrcProcID, sAnswer, h->ulAssMsgID);
+            sendto(lUdp, ack.data(), ack.size(), 0, reinterpret_cast<const sockaddr *>(&dt), sizeof(dt));
+        }
+    }
+    s.sScreen = Render(ReadAll(lMaster, sOut));
+    s.lStatus = Wait(pid);
+    tcgetattr(lSlave, &after);
+    s.bRestored = memcmp(&before, &after, sizeof(before)) == 0;
+    for (int fd : {lMaster, lSlave, lUdp, ex[0]})
+        close(fd);
+    return s;
+}
+
+}  // namespace
+
+TEST(DebugTool, TranscriptsInAPseudoTerminal)
+{
+    IBP_REQUIRE_ISOLATION();
+    Service isp;
+    ASSERT_TRUE(isp.Ready());
+    for (const auto &e : std::filesystem::directory_iterator(Data("transcripts"))) {
+        if (e.path().extension() != ".keys")
+            continue;
+        SCOPED_TRACE(e.path().filename());
+        const Session s = Type(Keys(ReadFile(e.path())));
+        EXPECT_EQ(ReadFile(std::filesystem::path(e.path()).replace_extension(".screen")), s.sScreen);
+        EXPECT_EQ(s.lStatus, 0);
+        EXPECT_TRUE(s.bRestored);
+    }
+}
+
+TEST(DebugTool, FirstRequestIsTheWorkedExampleAndAmbiguityIsReported)
+{
+    IBP_REQUIRE_ISOLATION();
+    const std::string sTree = ReadFile(Data("played/service.tree"));  // the base commands and "isp x ab|ac"
+    const Session s = Type(Keys(ReadFile(Data("played/service.keys"))), &sTree);
+    EXPECT_EQ(ReadFile(Data("played/service.screen")), s.sScreen);
+    EXPECT_TRUE(s.bRestored);
+    // "isp bp log cli ..." is the tool's own business: the service gets the
+    // tree request and "isp x ab" alone.
+    ASSERT_EQ(s.datagrams.size(), 2u);
+    const Bytes &cmd = s.datagrams[1];
+    EXPECT_EQ(std::string(cmd.begin() + MSG_HDR_LEN, cmd.end()), std::string("<isp x ab >", 12));
+    Bytes want = FromDt(MSG_TYPE_SYNC_REQ, 0x10001, MOD_ID_ISP_CMD, std::string("dbgcmd", 7));
+    ASSERT_EQ(s.datagrams[0].size(), 55u);
+    std::copy_n(s.datagrams[0].begin() + 46, 2, want.begin() + 46);  // reserved: any two bytes
+    EXPECT_EQ(s.datagrams[0], want);
+}
+
+TEST(DebugTool, LinesWithoutATerminalAndTheirExitStatus)
+{
+    IBP_REQUIRE_ISOLATION();
+    EXPECT_EQ(RunDt({"-c", "isp bp proc cfg"}).lStatus, 2);  // no service
+    auto Report = [](const std::string &sLine, size_t ulCaret, const char *pcText) {
+        return sLine + "\n" + std::string(ulCaret, ' ') + "^\n" + pcText + " command input!\n";
+    };
+    const std::string sLong = "isp bp log " + std::string(38, 'a') + " 3";  // 38 + 1 fit the parameters, 3 more not
+    const struct { std::vector<std::string> args; int lStatus; std::string sOut; } kCases[] = {
+        {{"-c", "isp bp log BP 3", "-c", "isp bp log cli 0"}, 0, "operate success\noperate success\n"},
+        {{"-c", "isp bp log ITF 1"}, 1, "operate fail\n"},
+        {{"-c", "isp bp pro", "-c", "isp bp"}, 1,
+         Report("isp bp pro", 7, "Wrong") + Report("isp bp", 7, "Incomplete")},
+        {{"-c", "isp bp socket cr"}, 1, Report("isp bp socket cr", 14, "Wrong")},
+        {{"-c", sLong}, 1, Report(sLong, 50, "Wrong")},
+        {{"-c", "isp bp mo\t", "-c", "isp bp module \t"}, 0,
+         "isp bp module \ncfg              title:display module cfg\ninfo             title:display module info\n\nisp bp module \n"},
+    };
+    Service isp;
+    ASSERT_TRUE(isp.Ready());
+    for (const auto &c : kCases) {
+        const DtRun r = RunDt(c.args);
+        EXPECT_EQ(r.lStatus, c.lStatus) << c.args[1] << r.sErr;
+        EXPECT_EQ(r.sOut, c.sOut) << c.args[1];
+    }
+    EXPECT_EQ(RunDt({"--version"}).sOut, "ibp-dt " IBP_VERSION_STRING "\n");
+    const DtRun bad = RunDt({"--bogus"});
+    EXPECT_EQ(bad.lStatus, 2);
+    EXPECT_EQ(bad.sErr, "ibp-dt: unknown option '--bogus'; try 'ibp-dt --help'\n");
+}
