@@ -7,24 +7,16 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <fstream>
 #include <random>
-#include <sstream>
 
 #include "debug/isp_cli_priv.h"
-#include "harness/log_capture.h"
+#include "debug/cmd_util.h"
 
 using ibptest::LogCapture;
 
 namespace {
 
-std::string ReadFile(const std::string &sPath)
-{
-    std::ifstream in(sPath);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
-const char *const kDataDir = getenv("IBP_TEST_DATA_DIR");
-const std::string kBase = ReadFile(std::string(kDataDir != nullptr ? kDataDir : ".") + "/data/base_tree.txt");
+const std::string kBase = ibptest::ReadData("base_tree.txt");
 
 // Depth first as the tree text: title and help lines, and counts when asked.
 // Fails the test where a count is not the number of children on the ring.

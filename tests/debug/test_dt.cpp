@@ -10,23 +10,15 @@
 
 #include <array>
 #include <filesystem>
-#include <fstream>
 #include <map>
 
-#include "harness/test_env.h"
-#include "runtime/transport_util.h"
+#include "debug/cmd_util.h"
 
 using namespace ibptest;
 
 namespace {
 
 std::string Env(const char *pcName) { return getenv(pcName) != nullptr ? getenv(pcName) : ""; }
-std::string Data(const std::string &sRel) { return Env("IBP_TEST_DATA_DIR") + "/" + sRel; }
-std::string ReadFile(const std::string &sPath)
-{
-    std::ifstream in(sPath);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
 std::string ReadAll(int fd, std::string s = "")  // to the end, or to EAGAIN
 {
     char ac[4096];
@@ -194,12 +186,13 @@ TEST(DebugTool, TranscriptsInAPseudoTerminal)
     IBP_REQUIRE_ISOLATION();
     Service isp;
     ASSERT_TRUE(isp.Ready());
-    for (const auto &e : std::filesystem::directory_iterator(Data("transcripts"))) {
+    for (const auto &e : std::filesystem::directory_iterator(std::string(IBP_TEST_DATA_DIR) + "/debug/data/transcripts")) {
+        const std::string sName = "transcripts/" + e.path().stem().string();
         if (e.path().extension() != ".keys")
             continue;
-        SCOPED_TRACE(e.path().filename());
-        const Session s = Type(Keys(ReadFile(e.path())));
-        EXPECT_EQ(ReadFile(std::filesystem::path(e.path()).replace_extension(".screen")), s.sScreen);
+        SCOPED_TRACE(sName);
+        const Session s = Type(Keys(ReadData(sName + ".keys")));
+        EXPECT_EQ(ReadData(sName + ".screen"), s.sScreen);
         EXPECT_EQ(s.lStatus, 0);
         EXPECT_TRUE(s.bRestored);
     }
@@ -208,9 +201,9 @@ TEST(DebugTool, TranscriptsInAPseudoTerminal)
 TEST(DebugTool, FirstRequestIsTheWorkedExampleAndAmbiguityIsReported)
 {
     IBP_REQUIRE_ISOLATION();
-    const std::string sTree = ReadFile(Data("played/service.tree"));  // the base commands and "isp x ab|ac"
-    const Session s = Type(Keys(ReadFile(Data("played/service.keys"))), &sTree);
-    EXPECT_EQ(ReadFile(Data("played/service.screen")), s.sScreen);
+    const std::string sTree = ReadData("played/service.tree");  // the base commands and "isp x ab|ac"
+    const Session s = Type(Keys(ReadData("played/service.keys")), &sTree);
+    EXPECT_EQ(ReadData("played/service.screen"), s.sScreen);
     EXPECT_TRUE(s.bRestored);
     // "isp bp log cli ..." is the tool's own business: the service gets the
     // tree request and "isp x ab" alone.
