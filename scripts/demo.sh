@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # demo.sh BUILD_DIR: starts the sample service, shows a few answers of the
-# debug tool run with -c, opens the interactive command line when standard
-# input is a terminal, and stops the service when the user leaves.
+# debug tool run with -c (around a burst of records from ibp-ping), opens the
+# interactive command line when standard input is a terminal, and stops the
+# service when the user leaves.
 set -euo pipefail
 dir=${1:-build/release}
 out=$(mktemp)
@@ -36,6 +37,9 @@ dt() {
 }
 dt "isp bp proc cfg"
 dt "isp bp log IMG 0"
+echo
+echo "== ibp-ping sends 100 synchronous records of 64 bytes to ISP_IMG"
+"$dir/ibp-ping" "${log_args[@]}" || true
 dt "isp img stats"
 dt "isp bp pro"
 
