@@ -285,7 +285,7 @@ CLI_RESULT_E CLI_RunCommand(char *pcFullCmd, size_t ulCap)
         if (ISP_strncmp(pcFullCmd, kOwnLevelCmd, sizeof(kOwnLevelCmd) - 1) == 0)
             return CLI_SetOwnLevel();
     }
-    return ISP_CLI_Request(CMD_MSG_EXEC_CMD, pcFullCmd);
+    return CLI_Request(CMD_MSG_EXEC_CMD, pcFullCmd);
 }
 
 CLI_RESULT_E CLI_Walk(const CLI_WORDS_S *pstWords)
@@ -358,7 +358,7 @@ CLI_RESULT_E CLI_BatchInit()
     memset(gszLineBuf, 0, sizeof(gszLineBuf));
     CLI_ResetTree();
     CLI_StartBatchLine();
-    return ISP_CLI_Request(CMD_MSG_GET_TREE, "");
+    return CLI_Request(CMD_MSG_GET_TREE, "");
 }
 
 CLI_RESULT_E CLI_BatchLine(const char *pcLine)

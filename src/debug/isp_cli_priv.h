@@ -44,7 +44,7 @@ void CLI_Blanks(size_t ulNum);
 
 // ---------------------------------------------------------------- tree and requests
 u32 ISP_CLI_ExecuteCmd(u32 ulMsgID, const char *pcCmd);
-CLI_RESULT_E ISP_CLI_Request(u32 ulMsgID, const char *pcCmd);
+CLI_RESULT_E CLI_Request(u32 ulMsgID, const char *pcCmd);
 u32 ISP_CLI_InitTreeRoot(CLI_NODE_S **ppstRoot);
 u32 ISP_CLI_BuildCmdTreeByStr(char *pcCmdData);
 u32 ISP_CLI_InsertNewNode(u32 bFirstChild, CLI_NODE_S *pCmdNode);

@@ -377,7 +377,7 @@ CLI_RESULT_E CLI_TakeTreeText(char *pcText)
 
 }  // namespace
 
-CLI_RESULT_E ISP_CLI_Request(u32 ulMsgID, const char *pcCmd)
+CLI_RESULT_E CLI_Request(u32 ulMsgID, const char *pcCmd)
 {
     if (pcCmd == nullptr) {
         CLI_ERR("pcCmd is NULL");
@@ -430,5 +430,5 @@ CLI_RESULT_E ISP_CLI_Request(u32 ulMsgID, const char *pcCmd)
 
 u32 ISP_CLI_ExecuteCmd(u32 ulMsgID, const char *pcCmd)
 {
-    return ISP_CLI_Request(ulMsgID, pcCmd) == CLI_RESULT_DONE ? 0 : 1;
+    return CLI_Request(ulMsgID, pcCmd) == CLI_RESULT_DONE ? 0 : 1;
 }
