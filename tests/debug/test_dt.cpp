@@ -129,16 +129,17 @@ struct Session {
     std::vector<Bytes> datagrams;     // what the played service got
 };
 
-// Types `sKeys` into ibp-dt on a pseudo-terminal once its prompt shows. With
-// a tree text the test plays the service: the tree request gets the text,
-// every other request "operate success".
-Session Type(const std::string &sKeys, const std::string *psTree = nullptr)
+// Types `sKeys` into ibp-dt on a pseudo-terminal once its prompt shows, then
+// hangs up if asked to. With a tree text the test plays the service: the tree
+// request gets the text, every other request "operate success".
+Session Type(const std::string &sKeys, const std::string *psTree = nullptr, bool bHangUp = false)
 {
     Session s;
     int lMaster = -1, lSlave = -1, ex[2];
     termios before{}, after{};
     EXPECT_EQ(openpty(&lMaster, &lSlave, nullptr, nullptr, nullptr), 0);
     fcntl(lMaster, F_SETFL, O_NONBLOCK);
+    fcntl(lMaster, F_SETFD, FD_CLOEXEC), fcntl(lSlave, F_SETFD, FD_CLOEXEC);  // the tool gets the slave as 0, 1, 2 only
     tcgetattr(lSlave, &before);
     const int lUdp = psTree != nullptr ? socket(AF_INET, SOCK_DGRAM, 0) : -1;
     const sockaddr_in isp = {AF_INET, htons(7001), {htonl(INADDR_LOOPBACK)}, {}};
@@ -159,6 +160,8 @@ Session Type(const std::string &sKeys, const std::string *psTree = nullptr)
         sOut = ReadAll(lMaster, sOut);
         if (!bPrompted && sOut.find("[CMD] ") != std::string::npos) {  // raw mode is on
             EXPECT_EQ(write(lMaster, sKeys.data(), sKeys.size()), ssize_t(sKeys.size()));
+            if (bHangUp)
+                close(lMaster), lMaster = p[1].fd = -1;
         }
         if ((p[2].revents & POLLIN) != 0) {
             Bytes &b = s.datagrams.emplace_back(8192);
@@ -196,6 +199,8 @@ TEST(DebugTool, TranscriptsInAPseudoTerminal)
         EXPECT_EQ(s.lStatus, 0);
         EXPECT_TRUE(s.bRestored);
     }
+    // A terminal that goes away ends the tool as "q" does, without spinning.
+    EXPECT_EQ(Type("isp bp", nullptr, true).lStatus, 0);
 }
 
 TEST(DebugTool, FirstRequestIsTheWorkedExampleAndAmbiguityIsReported)
