@@ -73,11 +73,13 @@ int DT_ParseOptions(int argc, char **argv, DT_OPTIONS_S *pstOpt)
             fprintf(stderr, "%s: option '%s' needs a line; try '%s --help'\n", kName, argv[optind - 1], kName);
             return EXIT_NOT_RUN;
         default:
-            // optopt is 0 for an unknown long option; argv[optind - 1] names it.
-            if (optopt != 0)
+            // optopt: the short option, 0 for an unknown long option, or the
+            // value of a long option given a value it does not take.
+            if (optopt > 0 && optopt < OPT_LOG_STDOUT)
                 fprintf(stderr, "%s: unknown option '-%c'; try '%s --help'\n", kName, optopt, kName);
             else
-                fprintf(stderr, "%s: unknown option '%s'; try '%s --help'\n", kName, argv[optind - 1], kName);
+                fprintf(stderr, "%s: %s option '%s'; try '%s --help'\n", kName, optopt == 0 ? "unknown" : "bad",
+                        argv[optind - 1], kName);
             return EXIT_NOT_RUN;
         }
     }

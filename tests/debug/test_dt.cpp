@@ -189,7 +189,8 @@ TEST(DebugTool, TranscriptsInAPseudoTerminal)
     IBP_REQUIRE_ISOLATION();
     Service isp;
     ASSERT_TRUE(isp.Ready());
-    for (const auto &e : std::filesystem::directory_iterator(std::string(IBP_TEST_DATA_DIR) + "/debug/data/transcripts")) {
+    const std::string sDir = std::string(IBP_TEST_DATA_DIR) + "/debug/data/transcripts";
+    for (const auto &e : std::filesystem::directory_iterator(sDir)) {
         const std::string sName = "transcripts/" + e.path().stem().string();
         if (e.path().extension() != ".keys")
             continue;
@@ -237,7 +238,8 @@ TEST(DebugTool, LinesWithoutATerminalAndTheirExitStatus)
         {{"-c", "isp bp socket cr"}, 1, Report("isp bp socket cr", 14, "Wrong")},
         {{"-c", sLong}, 1, Report(sLong, 50, "Wrong")},
         {{"-c", "isp bp mo\t", "-c", "isp bp module \t"}, 0,
-         "isp bp module \ncfg              title:display module cfg\ninfo             title:display module info\n\nisp bp module \n"},
+         "isp bp module \ncfg              title:display module cfg\n"
+         "info             title:display module info\n\nisp bp module \n"},
     };
     Service isp;
     ASSERT_TRUE(isp.Ready());
