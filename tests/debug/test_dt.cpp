@@ -248,8 +248,4 @@ TEST(DebugTool, LinesWithoutATerminalAndTheirExitStatus)
         EXPECT_EQ(r.lStatus, c.lStatus) << c.args[1] << r.sErr;
         EXPECT_EQ(r.sOut, c.sOut) << c.args[1];
     }
-    EXPECT_EQ(RunDt({"--version"}).sOut, "ibp-dt " IBP_VERSION_STRING "\n");
-    const DtRun bad = RunDt({"--bogus"});
-    EXPECT_EQ(bad.lStatus, 2);
-    EXPECT_EQ(bad.sErr, "ibp-dt: unknown option '--bogus'; try 'ibp-dt --help'\n");
 }
