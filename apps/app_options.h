@@ -39,6 +39,7 @@
 #include <string>
 #include <vector>
 
+#include "ibp/ibp.h"
 #include "ibp/ibp_version.h"
 
 // One option of a program. pcArg names the argument in the usage ("COUNT"),
@@ -196,6 +197,35 @@ inline bool AppUdpPortInUse(unsigned short usPort)
     bool bInUse = bind(lSock, reinterpret_cast<struct sockaddr *>(&stAddr), sizeof(stAddr)) != 0 && errno == EADDRINUSE;
     close(lSock);
     return bInUse;
+}
+
+// A debug tool process (ibp-dt, ibp-ping) needs the port of "DT" for itself:
+// the answers of the service would otherwise go astray. False, after its
+// line on standard error, when another holds it.
+inline bool AppDebugToolPortFree(const AppInfo &stInfo)
+{
+    const unsigned ulPort = gastProcCfgInfo[1].usSocketPort;  // the row of "DT"
+    if (!AppUdpPortInUse(static_cast<unsigned short>(ulPort)))
+        return true;
+    AppError(stInfo, "UDP port %u on 127.0.0.1 is in use by another debug tool (ibp-dt or ibp-ping); "
+             "let it finish or stop it, then try again", ulPort);
+    return false;
+}
+
+// Starts the library as the service (bIsDt 0) or a debug tool process, every
+// log module at ulLevel, to the files under /var/log or to standard output.
+// False, after its line on standard error, when it did not start.
+inline bool AppStartLibrary(const AppInfo &stInfo, u32 bIsDt, bool bLogStdout, u32 ulLevel)
+{
+    IBP_INIT_S stInit{};
+    stInit.bIsDt = bIsDt;
+    stInit.stLogInit.ulOutputMode = bLogStdout ? LOG_OUTPUT_STDOUT : LOG_OUTPUT_FILE;
+    for (u32 &ulModuleLevel : stInit.stLogInit.aulLevel)
+        ulModuleLevel = ulLevel;
+    if (IBP_Init(&stInit) == 0)
+        return true;
+    AppError(stInfo, "the library did not start; see the records of /var/log/ISP_ALG00.log (or run with --log-stdout)");
+    return false;
 }
 
 #endif  // IBP_APPS_APP_OPTIONS_H

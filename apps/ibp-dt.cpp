@@ -71,19 +71,14 @@ int DT_RunLines(const std::vector<const char *> &vecLines)
 // Whether the tool can talk to the service; if not, it has said why.
 bool DT_CanStart(bool bInteractive)
 {
-    const unsigned ulIspPort = gastProcCfgInfo[0].usSocketPort, ulDtPort = gastProcCfgInfo[1].usSocketPort;
+    const unsigned ulIspPort = gastProcCfgInfo[0].usSocketPort;
     if (bInteractive && isatty(STDIN_FILENO) == 0) {
         AppError(kInfo, "standard input is not a terminal; run the lines with -c LINE instead");
         return false;
     }
-    // The library's socket would share the port with another debug tool, and
-    // the answers would go astray; and with no service the prompt would only
-    // ever say "Wrong command input!".
-    if (AppUdpPortInUse(static_cast<unsigned short>(ulDtPort))) {
-        AppError(kInfo, "UDP port %u on 127.0.0.1 is in use by another debug tool (ibp-dt or ibp-ping); "
-                 "let it finish or stop it, then try again", ulDtPort);
+    // With no service the prompt would only ever say "Wrong command input!".
+    if (!AppDebugToolPortFree(kInfo))
         return false;
-    }
     if (!AppUdpPortInUse(static_cast<unsigned short>(ulIspPort))) {
         AppError(kInfo, "no ibp-isp on 127.0.0.1:%u; start ibp-isp first", ulIspPort);
         return false;
@@ -108,16 +103,8 @@ int main(int argc, char **argv)
     if (!DT_CanStart(stOpt.vecLines.empty()))
         return EXIT_NOT_RUN;
 
-    IBP_INIT_S stInit{};
-    stInit.bIsDt = 1;
-    stInit.stLogInit.ulOutputMode = stOpt.bLogStdout ? LOG_OUTPUT_STDOUT : LOG_OUTPUT_FILE;
-    for (u32 &ulLevel : stInit.stLogInit.aulLevel)
-        ulLevel = LOG_LEVEL_INF;
-    if (IBP_Init(&stInit) != 0) {
-        AppError(kInfo,
-                 "the library did not start; see the records of /var/log/ISP_ALG00.log (or run with --log-stdout)");
+    if (!AppStartLibrary(kInfo, 1, stOpt.bLogStdout, LOG_LEVEL_INF))
         return EXIT_NOT_RUN;
-    }
     // No "DT_CLI" module: the requests go out from this thread, which speaks
     // as the process module of "DT", and nothing is ever sent to the tool.
     int lStatus = 0;

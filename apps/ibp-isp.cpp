@@ -109,16 +109,8 @@ int main(int argc, char **argv)
     sigaddset(&stStop, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &stStop, nullptr);
 
-    IBP_INIT_S stInit{};
-    stInit.bIsDt = 0;
-    stInit.stLogInit.ulOutputMode = bStdout ? LOG_OUTPUT_STDOUT : LOG_OUTPUT_FILE;
-    for (u32 &ulLevel : stInit.stLogInit.aulLevel)
-        ulLevel = LOG_LEVEL_INF;
-    if (IBP_Init(&stInit) != 0) {
-        AppError(kInfo,
-                 "the library did not start; see the records of /var/log/ISP_ALG00.log (or run with --log-stdout)");
+    if (!AppStartLibrary(kInfo, 0, bStdout, LOG_LEVEL_INF))
         return 1;
-    }
     u32 ulModuleID = 0;
     if (MOD_RegModule("ISP_IMG", &ulModuleID) != 0 || MOD_RegMsgProc(ulModuleID, 0, EchoHandler, nullptr) != 0) {
         AppError(kInfo, "cannot register the module ISP_IMG; see the records of /var/log/ISP_ALG00.log");

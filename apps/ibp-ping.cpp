@@ -103,22 +103,8 @@ int main(int argc, char **argv)
     if (lStatus >= 0)
         return lStatus;
 
-    const unsigned ulPort = gastProcCfgInfo[1].usSocketPort;  // the row of "DT"
-    if (AppUdpPortInUse(static_cast<unsigned short>(ulPort))) {
-        AppError(kInfo, "UDP port %u on 127.0.0.1 is in use by another debug tool (ibp-dt or ibp-ping); "
-                 "let it finish or stop it, then try again", ulPort);
+    if (!AppDebugToolPortFree(kInfo) || !AppStartLibrary(kInfo, 1, stOpt.bStdout, LOG_LEVEL_WRN))
         return 1;
-    }
-    IBP_INIT_S stInit{};
-    stInit.bIsDt = 1;
-    stInit.stLogInit.ulOutputMode = stOpt.bStdout ? LOG_OUTPUT_STDOUT : LOG_OUTPUT_FILE;
-    for (u32 &ulLevel : stInit.stLogInit.aulLevel)
-        ulLevel = LOG_LEVEL_WRN;
-    if (IBP_Init(&stInit) != 0) {
-        AppError(kInfo,
-                 "the library did not start; see the records of /var/log/ISP_ALG00.log (or run with --log-stdout)");
-        return 1;
-    }
     u32 ulModuleID = 0;
     if (MOD_RegModule("DT_CLI", &ulModuleID) != 0)
         std::fprintf(stderr, "ibp-ping: DT_CLI not registered, sending as the process module\n");
