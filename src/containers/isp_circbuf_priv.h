@@ -19,3 +19,15 @@ struct CBUF_S {
     void *pUser;
     MOD_LIST_S stNode; // link of the global list, newest first
 };
+
+// The unread elements that lie in one piece from the read position, and how
+// many they are. For the one reading thread, which may look at them in place
+// and then drop what it has used with CBUF_DropElem.
+inline u32 CBUF_PeekLinear(const CBUF_S *pstCBuf, const u8 **ppucData)
+{
+    const u32 ulMask = pstCBuf->ulElemNum - 1;
+    const u32 ulUsed = (pstCBuf->ulHeadPos - pstCBuf->ulTailPos) & ulMask;
+    const u32 ulToEnd = pstCBuf->ulElemNum - pstCBuf->ulTailPos;
+    *ppucData = pstCBuf->pucBuf + static_cast<size_t>(pstCBuf->ulTailPos) * pstCBuf->ulElemSize;
+    return ulUsed < ulToEnd ? ulUsed : ulToEnd;
+}

@@ -10,6 +10,7 @@
 #include "log/log_internal.h"
 #include "runtime/mod_list.h"
 #include "runtime/module_internal.h"
+#include "runtime/proc_internal.h"
 
 IBP_LOG_SOURCE("isp_module");
 
@@ -177,8 +178,10 @@ bool MOD_StopThread(MOD_MODULE_S *pstModule)
 {
     if (__atomic_exchange_n(&pstModule->bRun, 0u, __ATOMIC_ACQ_REL) == 0)
         return false;
-    // The process thread polls and never waits on its semaphore.
-    if (pstModule->ulModuleID != MOD_PROC_MODULE_ID)
+    // The process thread waits in epoll, never on its semaphore.
+    if (pstModule->ulModuleID == MOD_PROC_MODULE_ID)
+        MOD_WakeProcThread();
+    else
         sem_post(&pstModule->stWakeSem);
     return true;
 }
@@ -338,8 +341,12 @@ IBP_API const char *MOD_GetCurWrokModuleName(void)
 
 IBP_API u32 MOD_WakeupModule(u32 ulModuleID)
 {
-    if (ulModuleID == MOD_PROC_MODULE_ID)
+    // The process thread sleeps in epoll without a tick: its wake-up is a
+    // poke of its event descriptor, never its semaphore.
+    if (ulModuleID == MOD_PROC_MODULE_ID) {
+        MOD_WakeProcThread();
         return 0;
+    }
     MOD_MODULE_S *pstModule = MOD_GetModuleByID(ulModuleID);
     if (pstModule == nullptr) {
         IBP_ERR("get module info by id %#x fail", ulModuleID);
@@ -413,6 +420,7 @@ IBP_API u32 MOD_RegModule(const char *pcModuleName, u32 *pulModuleID)
     MOD_InitMsgProcTable(pstModule);
     MOD_InitListCtrl(&pstModule->stMsgCtrl, MOD_NOMINAL_MAX_NUM);
     MOD_InitListCtrl(&pstModule->stAckMsgCtrl, MOD_NOMINAL_MAX_NUM);
+    MOD_InitAckWaiters(pstModule);
     sem_init(&pstModule->stWakeSem, 0, 0);
     __atomic_store_n(&pstModule->bRun, 1u, __ATOMIC_RELEASE);
 
@@ -566,13 +574,14 @@ IBP_API u32 MOD_SendMsgProc(MOD_MODULE_S *pstSrcModule, MOD_BUF_S *pstModBuf)
 
     const bool bLocal = (pstSrcModule->ulProcID == pstHdr->ulDstProcID);
     MOD_MSG_CTRL_S *pstQueue = nullptr;
+    MOD_MODULE_S *pstDstModule = nullptr;
     if (bLocal) {
-        MOD_MODULE_S *pstDstModule = MOD_GetModuleByID(ulDstModuleID);
+        pstDstModule = MOD_GetModuleByID(ulDstModuleID);
         if (pstDstModule == nullptr) {
             IBP_ERR("get module by id %#x fail", ulDstModuleID);
             return 1;
         }
-        pstQueue = bAck ? &pstDstModule->stAckMsgCtrl : &pstDstModule->stMsgCtrl;
+        pstQueue = &pstDstModule->stMsgCtrl;
     } else {
         pstQueue = __atomic_load_n(&gpstRemoteQueue, __ATOMIC_ACQUIRE);
         if (pstQueue == nullptr) {
@@ -580,14 +589,24 @@ IBP_API u32 MOD_SendMsgProc(MOD_MODULE_S *pstSrcModule, MOD_BUF_S *pstModBuf)
             return 1;
         }
     }
+    // Counted before it is handed over (the queues refuse only null
+    // arguments), so that whoever gets the message or its answer sees it counted.
+    MOD_CountMsg(&pstSrcModule->ulSendMsgCount, &pstSrcModule->ulLastSendMsg, ulMsgID);
+    if (bLocal && bAck) {
+        // Goes to the thread that waits for it, not to the module's thread.
+        MOD_DeliverSyncAck(pstDstModule, pstModBuf);
+        return 0;
+    }
     if (MOD_AddModuleMsg(pstQueue, pstModBuf) != 0) {
         IBP_ERR("add msg %#x to module %#x fail", ulMsgID, ulDstModuleID);
         return 1;
     }
-    MOD_CountMsg(&pstSrcModule->ulSendMsgCount, &pstSrcModule->ulLastSendMsg, ulMsgID);
-    // A remote message wakes nobody: the process thread comes by itself.
+    // One wake-up for the module's thread, or for the process thread that
+    // sends what is on the outbound queue.
     if (bLocal)
         MOD_WakeupModule(ulDstModuleID);
+    else
+        MOD_WakeProcThread();
     return 0;
 }
 

@@ -6,6 +6,7 @@
 
 #include "ibp/isp_system.h"
 #include "log/log_internal.h"
+#include "runtime/rawmsg_internal.h"
 
 IBP_LOG_SOURCE("isp_rawmsg");
 
@@ -24,6 +25,12 @@ MSG_HDR_S *MSG_HdrOf(MSG_HANDLE hMsg)
 }  // namespace
 
 static_assert(sizeof(MSG_HDR_S) == MSG_HDR_LEN, "the wire header is 48 bytes");
+
+bool MSG_HdrIsBad(const MSG_HDR_S *pstHdr)
+{
+    return pstHdr->ulPrefix != MSG_PREFIX || pstHdr->ulMsgLen < MSG_HDR_LEN ||
+           static_cast<u64>(pstHdr->ulMsgBodyLen) + MSG_HDR_LEN != pstHdr->ulMsgLen;
+}
 
 extern "C" {
 

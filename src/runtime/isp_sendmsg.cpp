@@ -2,10 +2,11 @@
 // application calls over ISP_MSG_S records.
 #include "ibp/isp_sendmsg.h"
 
-#include <sys/epoll.h>
-#include <unistd.h>
+#include <semaphore.h>
 
+#include <cerrno>
 #include <cstring>
+#include <ctime>
 
 #include "ibp/isp_module.h"
 #include "ibp/isp_system.h"
@@ -18,8 +19,6 @@ IBP_LOG_SOURCE("isp_sendmsg");
 namespace {
 
 constexpr u32 kSyncStepMs = 10;
-constexpr int kSyncEpollSize = 32;
-constexpr int kSyncEpollEvents = 10;
 
 MSG_HDR_S *HdrOf(MSG_HANDLE hMsg) { return static_cast<MSG_HDR_S *>(hMsg->pMem); }
 
@@ -35,46 +34,32 @@ private:
     MSG_HANDLE hMsg_;
 };
 
-// Owns the descriptor of the epoll instance that paces the wait for an ack.
-class EpollTimer {
-public:
-    EpollTimer() : fd_(epoll_create(kSyncEpollSize)) {}
-    ~EpollTimer()
-    {
-        if (fd_ >= 0)
-            close(fd_);
-    }
-    EpollTimer(const EpollTimer &) = delete;
-    EpollTimer &operator=(const EpollTimer &) = delete;
-    bool Valid() const { return fd_ >= 0; }
-    void Sleep(int ms) const
-    {
-        struct epoll_event astEvents[kSyncEpollEvents];
-        (void)epoll_wait(fd_, astEvents, kSyncEpollEvents, ms);
-    }
-
-private:
-    int fd_;
-};
-
-// Polls the ack queue of the sending module every 10 ms for the request's ack.
-u32 MSG_WaitAck(MOD_MODULE_S *pstModule, const EpollTimer &stTimer, u32 ulMsgID, u32 ulAssMsgID,
-                u32 ulDstModuleID, u32 ulTimeout, MSG_HANDLE *phAckMsg)
+// Waits for the request's ack on the waiter's own semaphore, woken by its
+// delivery. The time-out is still counted in whole 10 ms steps, at least one:
+// 0 waits 10 ms, 25 waits 30, and the record says so.
+u32 MSG_WaitAck(MOD_MODULE_S *pstModule, MOD_ACK_WAITER_S *pstWaiter, u32 ulMsgID, u32 ulDstModuleID,
+                u32 ulTimeout, MSG_HANDLE *phAckMsg)
 {
-    for (u32 ulWaited = 0;;) {
-        stTimer.Sleep(static_cast<int>(kSyncStepMs));
-        MOD_BUF_S *pstAck = MOD_GetModuleMsg(&pstModule->stAckMsgCtrl, MOD_GET_BY_ASSID, ulAssMsgID);
-        if (pstAck != nullptr) {
-            *phAckMsg = pstAck;
-            return 0;
-        }
-        ulWaited += kSyncStepMs;
-        if (ulWaited >= ulTimeout) {
-            IBP_ERR("wait ack message timeout! waitTime=%u timeoutTime=%u msgId=%#x assMsgId=%#x module=[%#x to %#x]",
-                    ulWaited, ulTimeout, ulMsgID, ulAssMsgID, pstModule->ulModuleID, ulDstModuleID);
-            return 1;
-        }
+    const u64 ullSteps = (static_cast<u64>(ulTimeout) + kSyncStepMs - 1) / kSyncStepMs;
+    const u64 ullWaitMs = (ullSteps == 0 ? 1 : ullSteps) * kSyncStepMs;
+    ISP_TIMESPEC_S stNow{};
+    ISP_clock_gettime(CLOCK_MONOTONIC, &stNow);
+    timespec stDeadline{};
+    const u64 ullNs = static_cast<u64>(stNow.lNanoSec) + (ullWaitMs % 1000) * 1000000u;
+    stDeadline.tv_sec = static_cast<time_t>(static_cast<u64>(stNow.lSec) + ullWaitMs / 1000 + ullNs / 1000000000u);
+    stDeadline.tv_nsec = static_cast<long>(ullNs % 1000000000u);
+    while (sem_clockwait(&pstWaiter->stSem, CLOCK_MONOTONIC, &stDeadline) != 0 && errno == EINTR) {
     }
+    // An ack that came just at the deadline still counts.
+    MOD_BUF_S *pstAck = MOD_DelAckWaiter(pstModule, pstWaiter);
+    if (pstAck != nullptr) {
+        *phAckMsg = pstAck;
+        return 0;
+    }
+    const u32 ulWaited = ullWaitMs > UINT32_MAX ? UINT32_MAX : static_cast<u32>(ullWaitMs);
+    IBP_ERR("wait ack message timeout! waitTime=%u timeoutTime=%u msgId=%#x assMsgId=%#x module=[%#x to %#x]",
+            ulWaited, ulTimeout, ulMsgID, pstWaiter->ulAssMsgID, pstModule->ulModuleID, ulDstModuleID);
+    return 1;
 }
 
 // Length of an application record with its head, saturated so that a huge
@@ -115,18 +100,17 @@ u32 MSG_SendSyncMsgEx(u32 ulDstModuleID, u32 ulMsgID, MSG_HANDLE hReqMsg, u32 ul
         IBP_ERR("get ass message id fail! ulRet=%u", ulRet);
         return 1;
     }
+    // Listed before the request goes out, so that no ack can come first.
+    MOD_ACK_WAITER_S stWaiter;
+    MOD_AddAckWaiter(pstModule, &stWaiter, ulAssMsgID);
     ulRet = MOD_SendMsgProc(pstModule, hReqMsg);
     if (ulRet != 0) {
         IBP_ERR("send message to module fail! ulRet=%u", ulRet);
+        (void)MOD_DelAckWaiter(pstModule, &stWaiter);
         return 1;
     }
     *pbQueued = true;  // from here on the request is the runtime's
-    EpollTimer stTimer;
-    if (!stTimer.Valid()) {
-        IBP_ERR("create epoll fail");
-        return 1;
-    }
-    return MSG_WaitAck(pstModule, stTimer, ulMsgID, ulAssMsgID, ulDstModuleID, ulTimeout, phAckMsg);
+    return MSG_WaitAck(pstModule, &stWaiter, ulMsgID, ulDstModuleID, ulTimeout, phAckMsg);
 }
 
 extern "C" {

@@ -103,3 +103,30 @@ bool MOD_FindMsgProc(MOD_MSG_PROC_CTRL_S *pstCtrl, u32 ulMsgID, MOD_MSG_PROC_COP
 
 // Sets up a module's handler table: 32 cleared entries, all free.
 void MOD_InitMsgProcTable(MOD_MODULE_S *pstModule);
+
+// A thread in MSG_SendSyncMsg waiting for the ack of one request. It lives on
+// that thread's stack and is listed on the module it speaks as, under the lock
+// of that module's ack queue, from before the request goes out until the wait
+// ends.
+struct MOD_ACK_WAITER_S {
+    MOD_LIST_S stNode;
+    u32 ulAssMsgID;
+    bool bAcked;  // its ack is on the ack queue; any later one is a stray
+    sem_t stSem;  // posted once, when the ack arrives
+};
+
+// No thread waits on a module that has just been registered.
+void MOD_InitAckWaiters(MOD_MODULE_S *pstModule);
+
+// Lists the waiter for ulAssMsgID on pstModule.
+void MOD_AddAckWaiter(MOD_MODULE_S *pstModule, MOD_ACK_WAITER_S *pstWaiter, u32 ulAssMsgID);
+
+// Ends the wait: unlists the waiter and gives its ack if one came, else null.
+MOD_BUF_S *MOD_DelAckWaiter(MOD_MODULE_S *pstModule, MOD_ACK_WAITER_S *pstWaiter);
+
+// Hands a synchronous ack to the thread of pstModule that waits for its
+// ulAssMsgID, through the module's ack queue. An ack that no thread waits for
+// (its waiter timed out, or nobody ever asked) is freed at once, with a
+// rate-limited record, rather than kept until the process ends. The buffer is
+// not the caller's any more in either case.
+void MOD_DeliverSyncAck(MOD_MODULE_S *pstModule, MOD_BUF_S *pstBuf);

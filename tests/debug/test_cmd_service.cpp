@@ -109,13 +109,17 @@ TEST_F(CmdService, AnAckIsDroppedAndNeverAnswered)
 {
     RawPeer peer(7002);
     ASSERT_TRUE(peer.Bound());
-    const u32 ulSentBefore = MOD_GetModuleByID(MOD_ID_ISP_CMD)->ulSendMsgCount;  // slots keep their counters
+    const u32 *pulSent = &MOD_GetModuleByID(MOD_ID_ISP_CMD)->ulSendMsgCount;  // moved by the service's thread
+    const u32 ulSentBefore = __atomic_load_n(pulSent, __ATOMIC_RELAXED);       // slots keep their counters
     // From "ISP_CMD" to itself: answering it would answer the answer for ever.
     ASSERT_TRUE(peer.SendTo(7001, MakeBlock(MSG_TYPE_ASYNC_ACK, 0x10002, MOD_ID_ISP_CMD, MOD_ID_ISP_CMD,
                                             MOD_PROC_ID_ISP, MOD_PROC_ID_ISP, "operate fail", 7)));
-    // Requests are served in turn: with this answer back, the ack was dealt with.
-    ASSERT_EQ(Ask(0x10003, "x"), "unknown cmd type");
+    // Both by the socket, so they are served in turn: with this answer back, the ack was dealt with.
+    ASSERT_TRUE(peer.SendTo(7001, FromDt(MSG_TYPE_SYNC_REQ, 0x10003, MOD_ID_ISP_CMD, "x", 9)));
+    const Bytes answer = peer.Recv();
+    ASSERT_GE(answer.size(), MSG_HDR_LEN);
+    EXPECT_EQ(std::string(answer.begin() + MSG_HDR_LEN, answer.end()), "unknown cmd type");
     EXPECT_EQ(cap_.Count("WRN", "BP", "drop ack msg: id=0x10002 assId=0x7 type=3 src=[0xbfffffff 0x90000002] "
                                       "dst=[0xbfffffff 0x90000002]"), 1u) << cap_.Dump();
-    EXPECT_EQ(MOD_GetModuleByID(MOD_ID_ISP_CMD)->ulSendMsgCount - ulSentBefore, 1u);  // the answer to 0x10003
+    EXPECT_EQ(__atomic_load_n(pulSent, __ATOMIC_RELAXED) - ulSentBefore, 1u);  // the answer to 0x10003
 }

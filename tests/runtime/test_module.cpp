@@ -16,6 +16,7 @@
 #include "harness/log_capture.h"
 #include "ibp/isp_module.h"
 #include "ibp/isp_system.h"
+#include "runtime/mod_ratelimit.h"
 #include "runtime/module_internal.h"
 
 namespace {
@@ -320,9 +321,9 @@ protected:
     Signal entered_;
 };
 
-// Handlers run one at a time in arrival order. Acks wait in the ack queue for whoever sent the request,
-// to be found by association id or in order, and reach no handler.
-TEST_F(ModuleThread, HandlersRunOneAtATimeInArrivalOrderAndAcksWaitInTheirQueue)
+// Handlers run one at a time in arrival order. Synchronous acks reach no handler: one that no thread
+// waits for is freed, its records rate-limited; the ack queue finds by association id or in order.
+TEST_F(ModuleThread, HandlersRunOneAtATimeInArrivalOrderAndAcksReachNoHandler)
 {
     // The first message holds the thread until the rest pile up in the queue.
     Signal gate;
@@ -345,8 +346,8 @@ TEST_F(ModuleThread, HandlersRunOneAtATimeInArrivalOrderAndAcksWaitInTheirQueue)
         if (i % 3 != 1)
             expected.push_back(i);
     }
-    for (u32 i = 0; i < 3; ++i)  // association ids 7, 8, 7
-        ASSERT_EQ(MOD_SendMsgProc(pstProc_, MakeMsg(0x70, MOD_ID_ISP_IMG, i, MSG_TYPE_SYNC_ACK, i == 1 ? 8 : 7)), 0u);
+    for (u32 i = 0; i < 50; ++i)  // nobody waits for these
+        ASSERT_EQ(MOD_SendMsgProc(pstProc_, MakeMsg(0x70, MOD_ID_ISP_IMG, i, MSG_TYPE_SYNC_ACK, 7)), 0u);
     gate.Post();
     for (size_t i = 0; i < expected.size(); ++i)
         ASSERT_TRUE(entered_.Wait()) << i;
@@ -354,9 +355,21 @@ TEST_F(ModuleThread, HandlersRunOneAtATimeInArrivalOrderAndAcksWaitInTheirQueue)
     EXPECT_EQ(maxInside.load(), 1);
     EXPECT_EQ(gCalls.size(), 40 - expected.size());  // in between, before the last one
     EXPECT_EQ(pstImg_->ulRecvMsgCount, 40u);
-    EXPECT_EQ(pstProc_->ulSendMsgCount, 43u);
+    EXPECT_EQ(pstProc_->ulSendMsgCount, 90u);
+    MOD_RateReset();  // writes the count that the process thread's timer would write
+    size_t ulLogged = cap_.CountPrefix("drop sync ack that no thread waits for: ");
+    u32 ulLeftOut = 0;
+    for (const auto &rec : cap_.Records()) {
+        unsigned n = 0;
+        if (sscanf(rec.text.c_str(), "sync ack that no thread waits for dropped: %u more", &n) == 1)
+            ulLeftOut += n;
+    }
+    EXPECT_EQ(ulLogged + ulLeftOut, 50u) << cap_.Dump();
+    EXPECT_LE(ulLogged, 2u);  // one a second
 
     MOD_MSG_CTRL_S *pstAcks = &pstImg_->stAckMsgCtrl;
+    for (u32 i = 0; i < 3; ++i)  // association ids 7, 8, 7
+        ASSERT_EQ(MOD_AddModuleMsg(pstAcks, MakeMsg(0x70, MOD_ID_ISP_IMG, i, MSG_TYPE_SYNC_ACK, i == 1 ? 8 : 7)), 0u);
     EXPECT_EQ(MOD_GetModuleMsg(pstAcks, static_cast<MOD_GET_TYPE_E>(2), 0), nullptr);
     EXPECT_LOG(cap_, "ERR", "BP", "getby type 2 invalid");
     EXPECT_EQ(MOD_GetModuleMsg(pstAcks, MOD_GET_BY_ASSID, 5), nullptr);

@@ -179,6 +179,43 @@ TEST_F(Service, KeepsServingAfterRandomDatagrams)
     EXPECT_EQ(ack, want);
 }
 
+// Sum of the counts that the rate limit wrote for one kind, waiting up to 5 s for the first: the
+// process thread's timer writes it about a second after the flood began.
+u32 LeftOut(const LogCapture &cap, const std::string &kind)
+{
+    const std::string prefix = kind + ": ";
+    u32 ulSum = 0;
+    for (int i = 0; i < 500 && ulSum == 0; i++) {
+        if (i > 0)
+            usleep(10000);
+        for (const LogRecord &r : cap.Records())
+            if (r.text.compare(0, prefix.size(), prefix) == 0)
+                ulSum += static_cast<u32>(std::stoul(r.text.substr(prefix.size())));
+    }
+    return ulSum;
+}
+
+// Bad input is logged for the first few of a second and counted after that; what stands behind it still arrives.
+TEST_F(Service, BadInputFloodsAreCountedNotLoggedOneByOne)
+{
+    Bytes prefixes;
+    for (int i = 0; i < 2000; i++)
+        prefixes = prefixes + Bytes{0x35, 0x23, 0x12, 0xdf};
+    Send(prefixes + FromDt(MSG_TYPE_ASYNC_REQ, 1, MOD_ID_ISP_IMG, "behind 2000 bad headers"));
+    Bytes acks;
+    for (u32 i = 0; i < 20; i++)  // nobody waits for these
+        acks = acks + FromDt(MSG_TYPE_SYNC_ACK, 2, MOD_ID_ISP_IMG, "stray", 100 + i);
+    Send(acks + FromDt(MSG_TYPE_ASYNC_REQ, 3, MOD_ID_ISP_IMG, "behind 20 stray acks"));
+    ASSERT_TRUE(rec_.WaitFor(2)) << cap_.Dump();
+    EXPECT_EQ(rec_.Bodies(), (std::vector<std::string>{"behind 2000 bad headers", "behind 20 stray acks"}));
+    const size_t ulBadLogged = cap_.Count("ERR", "BP", "msg header check failed!");
+    EXPECT_LE(ulBadLogged, 5u);
+    EXPECT_EQ(ulBadLogged + LeftOut(cap_, "msg header check failed"), 2000u) << cap_.Dump();
+    const size_t ulAcksLogged = cap_.CountPrefix("drop sync ack that no thread waits for: ");
+    EXPECT_EQ(ulAcksLogged, 1u);
+    EXPECT_EQ(ulAcksLogged + LeftOut(cap_, "sync ack that no thread waits for dropped"), 20u) << cap_.Dump();
+}
+
 TEST_F(Service, SyncAsyncForwardAndTimeOutsInsideTheProcess)
 {
     rec_.ulForwardID = 0x33;
