@@ -8,12 +8,18 @@
 # network and mount namespace (loopback up, fresh tmpfs on /var/log, /tmp,
 # /run), so they never meet anything on the host. bench/README.md explains the
 # figures.
+#
+# Before and after: the message and idle benchmarks run a second time on the
+# library of an earlier commit (IBP_BENCH_BASE, by default the last one
+# before the transport lost its ticks), built from `git archive` in
+# BUILD_ROOT/bench-base; its figures stand beside today's as "before".
 set -uo pipefail
+base_ref_default=77dd169
 
 # ------------------------------------------------------------ inside the namespace
 # tests/harness/isolate.sh makes the namespace, as it does for the tests.
 if [ "${1:-}" = --inside ]; then
-    dir=$2 rows=$3
+    dir=$2 rows=$3 base_lib=${4:-}
     if [ "${IBP_TEST_ISOLATED:-}" != 1 ]; then
         echo "bench: only the footprint was measured; the runs need a private namespace: ${IBP_TEST_NO_ISOLATION:-}" >&2
         exit 0
@@ -59,10 +65,15 @@ if [ "${1:-}" = --inside ]; then
           + "; \($b) B records, rotation at 256 KiB included"
         ' "$dir/log.json" >>"$rows" || echo "ROW	4 log	FAILED	-	-	see $dir/bench_log.log" >>"$rows"
 
-    for prog in bench_msg_local bench_msg_ipc bench_idle; do
+    for prog in bench_msg_local bench_msg_ipc bench_idle bench_hostile; do
         echo "== $prog" >&2
         "$dir/bench/$prog" 2>"$dir/$prog.log" | grep '^ROW' >>"$rows" ||
             echo "ROW	$prog	FAILED	-	-	see $dir/$prog.log" >>"$rows"
+        if [ -n "$base_lib" ]; then
+            echo "== $prog on the library before" >&2
+            LD_LIBRARY_PATH=$base_lib "$dir/bench/$prog" 2>"$dir/$prog.before.log" |
+                sed -n 's/^ROW/BEFORE/p' >>"$rows"
+        fi
     done
     exit 0
 fi
@@ -91,6 +102,16 @@ build() {  # dir, what, cmake options...
 target='' build "$dir" "x86-64 library and benchmarks" -DIBP_BUILD_BENCH=ON
 target=ibp build "$arm" "armhf library" -DCMAKE_TOOLCHAIN_FILE="$src/cmake/toolchain-armhf.cmake"
 
+base_ref=${IBP_BENCH_BASE:-$base_ref_default} base_lib=
+base=$root/bench-base
+if git -C "$src" rev-parse -q --verify "$base_ref^{commit}" >/dev/null 2>&1; then
+    rm -rf "$base/src" && mkdir -p "$base/src" && git -C "$src" archive "$base_ref" | tar -x -C "$base/src" &&
+        src="$base/src" target=ibp build "$base/build" "library of $base_ref (before)" &&
+        base_lib=$base/build
+else
+    echo "bench: no commit $base_ref here (a shallow clone?): no before figures" >&2
+fi
+
 : >"$rows"
 kib() { echo "$(( ($(stat -c %s "$1") + 1023) / 1024 ))"; }
 strip -o "$dir/libibp.stripped.so" "$dir/libibp.so"
@@ -100,10 +121,17 @@ printf 'ROW\t6 libibp.so stripped, x86-64\t%s KiB\t-\t-\tRelease\n' "$x86" >>"$r
 awk -v k="$armk" 'BEGIN { printf "ROW\t6 libibp.so stripped, armhf\t%d KiB\tgoal 256 KiB\t%.2f\tgoal <=256 KiB: %s\n",
     k, k / 256, (k <= 256 ? "met" : "MISSED") }' >>"$rows"
 
-"$src/tests/harness/isolate.sh" "$0" --inside "$dir" "$rows" || echo "bench: the runs in the namespace failed" >&2
+"$src/tests/harness/isolate.sh" "$0" --inside "$dir" "$rows" "$base_lib" ||
+    echo "bench: the runs in the namespace failed" >&2
 
 echo
 echo "ibp benchmarks, $(date -u '+%Y-%m-%d %H:%M UTC'), $(nproc) cores, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ //'), $(uname -sr)"
-sort -t$'\t' -s -k2.1,2.1 "$rows" | awk -F'\t' '$1 == "ROW" {
-    printf "%-44s %s (%s, %s)  %s\n", $2 ":", $3, $4, $5, $6 }' | tee "$dir/bench.table"
+sort -t$'\t' -s -k2.1,2.1 "$rows" | awk -F'\t' -v ref="$base_ref" '
+    $1 == "BEFORE" { before[$2] = $3; next }
+    $1 == "ROW" { label[++n] = $2; line[n] = $0 }
+    END { for (i = 1; i <= n; i++) {
+              split(line[i], f, "\t")
+              was = (f[2] in before) ? sprintf("; before (%s): %s", ref, before[f[2]]) : ""
+              printf "%-44s %s (%s, %s)  %s%s\n", f[2] ":", f[3], f[4], f[5], f[6], was } }' |
+    tee "$dir/bench.table"
 echo "(whole run $(( $(date +%s) - start )) s; details in $dir/*.log)"
