@@ -7,6 +7,9 @@
 //    parser steps over is bad input; its records come under the rate limit.
 //    Figure: the service's processor time per datagram of prefixes; floor:
 //    the same for random bytes, which hold no prefix to step over.
+//  - Stray acks: 100,000 synchronous acks that nobody waits for, half to
+//    "ISP_IMG" and half to the process module, paced by an echo after every
+//    1,000; the service's resident memory before and after.
 //  - Flood: 200,000 mutated messages (random types, destinations, lengths,
 //    truncated, concatenated, junk between them, stray acks) as fast as the
 //    socket takes them; then a synchronous echo is asked every 10 ms until
@@ -39,6 +42,7 @@ constexpr u32 kEcho = 0x4001;
 constexpr int kCostDatagrams = 3000;
 constexpr int kPace = 100;
 constexpr int kFlood = 200000;
+constexpr int kStrayAcks = 100000;
 constexpr u8 kPrefix[4] = {0x35, 0x23, 0x12, 0xdf};
 
 struct Shared {
@@ -245,6 +249,21 @@ int main()
                bench::Fmt("8000 random bytes %.1f us", dRandom * 1e6), bench::Fmt("%.2f", dRatio),
                bench::Fmt("goal <=2.00: %s; %d of each, log to files at INF%s", bench::Verdict(dRatio <= 2.0),
                           kCostDatagrams, ulLost != 0 ? "; an echo went UNANSWERED" : ""));
+
+    const unsigned long ulRssAcks = RssKiB(pid);
+    u32 ulAckLost = 0;
+    for (int i = 0; i < kStrayAcks; i++) {
+        peer.Send(Peer::Block(MSG_TYPE_SYNC_ACK, kEcho + 2, i % 2 ? MOD_ID_ISP_IMG : MOD_PROC_MODULE_ID, rng()));
+        if ((i + 1) % 1000 == 0 && !peer.Echo(10000))
+            ulAckLost++;
+    }
+    const unsigned long ulRssAcksAfter = RssKiB(pid);
+    bench::Row("7 stray sync acks 100000, service memory", bench::Fmt("%lu KiB after", ulRssAcksAfter),
+               bench::Fmt("%lu KiB before", ulRssAcks),
+               bench::Fmt("%.2f", static_cast<double>(ulRssAcksAfter) / static_cast<double>(ulRssAcks)),
+               bench::Fmt("goal: where it was (+256 KiB at most): %s; VmRSS; half to ISP_IMG, half to the process "
+                          "module%s", bench::Verdict(ulRssAcksAfter <= ulRssAcks + 256),
+                          ulAckLost != 0 ? "; an echo went UNANSWERED" : ""));
 
     const unsigned long ulRssBefore = RssKiB(pid);
     u32 ulSendFail = 0;
