@@ -4,7 +4,11 @@
 //   u16 start      where the read and write positions of the ring stand when
 //                  the first datagram comes (modulo its 8192 elements), so
 //                  that short inputs also wrap round its end
-//   { u16 len, len bytes }...   datagrams; the last one is cut at the input's end
+//   { u16 len, bytes }...   datagrams: len bytes, the last one cut at the
+//                  input's end; with bit 15 of len set, a datagram of
+//                  (len & 0x7fff) bytes that are a u8 count of bytes taken
+//                  from the input, then zeros, so that a short input can also
+//                  send long messages and fill the ring
 //
 // (little-endian). Each datagram goes into the receive buffer and is parsed
 // as the process thread does, and the delivered messages reach the handlers
@@ -85,15 +89,27 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pucData, size_t ulSize)
     if (CBUF_Write(hBuf, aucFiller, ulStart) != static_cast<s32>(ulStart) || CBUF_DropElem(hBuf, ulStart) != 0)
         __builtin_trap();  // an empty ring holds 8191 elements
     while (ulSize != 0) {
-        u32 ulLen = TakeU16(pucData, ulSize);
-        ulLen = ulLen > ulSize ? static_cast<u32>(ulSize) : ulLen;
+        const u32 ulField = TakeU16(pucData, ulSize);
+        const bool bPadded = (ulField & 0x8000u) != 0;
+        u32 ulLen = bPadded ? ulField & 0x7fffu : ulField;
         ulLen = ulLen > kMaxDatagram ? kMaxDatagram : ulLen;
+        u32 ulGiven = ulLen;
+        if (bPadded && ulSize != 0) {
+            ulGiven = *pucData++;
+            ulSize--;
+        }
+        ulGiven = ulGiven > ulLen ? ulLen : ulGiven;
+        ulGiven = ulGiven > ulSize ? static_cast<u32>(ulSize) : ulGiven;
+        static uint8_t aucDatagram[kMaxDatagram];
+        std::memcpy(aucDatagram, pucData, ulGiven);
+        std::memset(aucDatagram + ulGiven, 0, ulLen - ulGiven);
+        pucData += ulGiven;
+        ulSize -= ulGiven;
+        ulLen = bPadded ? ulLen : ulGiven;
         // A datagram that does not fit loses its tail, and what fits is
         // parsed all the same.
         if (ulLen != 0)
-            (void)CBUF_Write(hBuf, pucData, ulLen);
-        pucData += ulLen;
-        ulSize -= ulLen;
+            (void)CBUF_Write(hBuf, aucDatagram, ulLen);
         ParseAll(hBuf, stFrom);
     }
     fuzzsvc::Settle();
