@@ -8,27 +8,20 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
 #include "debug/isp_cli_priv.h"
+#include "fuzz_log.h"
 
 namespace fuzzcli {
-
-inline s32 DiscardRecord(const char *) { return 0; }
 
 // The log goes to a sink and the terminal output to /dev/null; libFuzzer
 // and the replay report on standard error.
 inline void StartQuiet()
 {
-    LOG_INIT_S stInit;
-    std::memset(&stInit, 0, sizeof(stInit));
-    stInit.ulOutputMode = LOG_OUTPUT_FUNC;
-    stInit.pfnOutput = DiscardRecord;
-    for (u32 &ulLevel : stInit.aulLevel)
-        ulLevel = LOG_LEVEL_ERR;
+    fuzzlog::Start();
     const int lNull = open("/dev/null", O_WRONLY);
-    if (IBP_LOG_Init(&stInit) != 0 || lNull < 0 || dup2(lNull, STDOUT_FILENO) < 0) {
-        std::fprintf(stderr, "cannot set up the log and /dev/null\n");
+    if (lNull < 0 || dup2(lNull, STDOUT_FILENO) < 0) {
+        std::fprintf(stderr, "cannot send the terminal output to /dev/null\n");
         std::exit(1);
     }
     close(lNull);

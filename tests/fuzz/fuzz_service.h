@@ -12,16 +12,13 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "fuzz_log.h"
 #include "ibp/ibp.h"
 
 namespace fuzzsvc {
 
 inline std::atomic<MSG_HANDLE> gSentinel{nullptr};
 inline sem_t gSentinelSeen;
-
-// Records are formatted but go nowhere: the fuzzer pays for the formatting
-// of the errors its inputs provoke, not for files.
-inline s32 DiscardRecord(const char *) { return 0; }
 
 // True once for the message that Settle queued, in whichever thread handles it.
 inline bool TakeSentinel(MSG_HANDLE hMsg)
@@ -75,10 +72,7 @@ inline void Start()
     IBP_INIT_S stInit;
     std::memset(&stInit, 0, sizeof(stInit));
     stInit.bIsDt = 0;
-    stInit.stLogInit.ulOutputMode = LOG_OUTPUT_FUNC;
-    stInit.stLogInit.pfnOutput = DiscardRecord;
-    for (u32 &ulLevel : stInit.stLogInit.aulLevel)
-        ulLevel = LOG_LEVEL_ERR;
+    stInit.stLogInit = fuzzlog::QuietLog();
     u32 ulImg = 0;
     if (sem_init(&gSentinelSeen, 0, 0) != 0 || IBP_Init(&stInit) != 0 || MOD_RegModule("ISP_IMG", &ulImg) != 0 ||
         MOD_RegMsgProc(ulImg, 0, ImgHandler, nullptr) != 0 ||

@@ -12,8 +12,8 @@
 #include <cstring>
 #include <memory>
 
+#include "fuzz_log.h"
 #include "ibp/isp_xml.h"
-#include "fuzz_cli.h"
 
 namespace {
 
@@ -29,7 +29,7 @@ void RemoveFile() { unlink(gszPath); }
 
 void Start()
 {
-    fuzzcli::StartQuiet();
+    fuzzlog::Start();
     std::snprintf(gszPath, sizeof(gszPath), "/tmp/ibp-fuzz-xml-%d.xml", static_cast<int>(getpid()));
     std::atexit(RemoveFile);
 }
