@@ -2,8 +2,9 @@
 BUILD ?= build
 JOBS ?= $(shell nproc)
 CMAKE ?= cmake
+FUZZ_SECONDS ?= 60
 
-.PHONY: all setup build demo check check-native check-armhf tsan bench install uninstall docs package clean
+.PHONY: all setup build demo check check-native check-armhf tsan fuzz bench install uninstall docs package clean
 
 all: build
 
@@ -32,6 +33,11 @@ check-armhf: setup
 # The threaded tests once more under ThreadSanitizer (not part of `check`).
 tsan: setup
 	@scripts/check.sh $(BUILD) tsan
+
+# libFuzzer targets of tests/fuzz, built with clang in $(BUILD)/fuzz and run
+# for FUZZ_SECONDS each on a copy of their corpus; a crash fails it.
+fuzz: setup
+	@JOBS=$(JOBS) FUZZ_SECONDS=$(FUZZ_SECONDS) scripts/fuzz.sh $(BUILD)
 
 # Release build of the benchmarks and one table of figures next to their
 # floors (bench/README.md); builds in $(BUILD)/bench and $(BUILD)/bench-armhf.
