@@ -3,7 +3,7 @@ BUILD ?= build
 JOBS ?= $(shell nproc)
 CMAKE ?= cmake
 
-.PHONY: all setup build demo check check-native check-armhf tsan bench install uninstall docs package clean
+.PHONY: all setup build demo check check-native check-armhf check-stress tsan bench install uninstall docs package clean
 
 all: build
 
@@ -28,6 +28,11 @@ check-native: setup
 
 check-armhf: setup
 	@scripts/check.sh $(BUILD) armhf
+
+# The native tests repeated (up to 5 times each) and then the armhf tests,
+# with a busy loop on every core beside them (not part of `check`).
+check-stress: setup
+	@scripts/check_stress.sh $(BUILD)
 
 # The threaded tests once more under ThreadSanitizer (not part of `check`).
 tsan: setup
