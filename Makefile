@@ -2,8 +2,9 @@
 BUILD ?= build
 JOBS ?= $(shell nproc)
 CMAKE ?= cmake
+SOAK_SECONDS ?= 600
 
-.PHONY: all setup build demo check check-native check-armhf check-stress tsan bench install uninstall docs package clean
+.PHONY: all setup build demo check check-native check-armhf check-stress tsan soak bench install uninstall docs package clean
 
 all: build
 
@@ -42,6 +43,12 @@ tsan: setup
 # floors (bench/README.md); builds in $(BUILD)/bench and $(BUILD)/bench-armhf.
 bench: setup
 	@JOBS=$(JOBS) scripts/bench.sh $(BUILD)
+
+# The sample service under AddressSanitizer and UBSan for SOAK_SECONDS, beside
+# pings, debug tool lines, an async flood and hostile datagrams, in a private
+# namespace; a summary with its verdicts (scripts/soak.sh). Builds in $(BUILD)/soak.
+soak: setup
+	@SOAK_SECONDS=$(SOAK_SECONDS) JOBS=$(JOBS) scripts/soak.sh $(BUILD)
 
 install: build
 	$(CMAKE) --install $(BUILD)/release $(if $(PREFIX),--prefix $(PREFIX))
