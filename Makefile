@@ -3,8 +3,9 @@ BUILD ?= build
 JOBS ?= $(shell nproc)
 CMAKE ?= cmake
 FUZZ_SECONDS ?= 60
+SOAK_SECONDS ?= 600
 
-.PHONY: all setup build demo check check-native check-armhf tsan fuzz bench install uninstall docs package clean
+.PHONY: all setup build demo check check-native check-armhf check-stress tsan fuzz soak bench install uninstall docs package clean
 
 all: build
 
@@ -30,6 +31,11 @@ check-native: setup
 check-armhf: setup
 	@scripts/check.sh $(BUILD) armhf
 
+# The native tests repeated (up to 5 times each) and then the armhf tests,
+# with a busy loop on every core beside them (not part of `check`).
+check-stress: setup
+	@scripts/check_stress.sh $(BUILD)
+
 # The threaded tests once more under ThreadSanitizer (not part of `check`).
 tsan: setup
 	@scripts/check.sh $(BUILD) tsan
@@ -43,6 +49,12 @@ fuzz: setup
 # floors (bench/README.md); builds in $(BUILD)/bench and $(BUILD)/bench-armhf.
 bench: setup
 	@JOBS=$(JOBS) scripts/bench.sh $(BUILD)
+
+# The sample service under AddressSanitizer and UBSan for SOAK_SECONDS, beside
+# pings, debug tool lines, an async flood and hostile datagrams, in a private
+# namespace; a summary with its verdicts (scripts/soak.sh). Builds in $(BUILD)/soak.
+soak: setup
+	@SOAK_SECONDS=$(SOAK_SECONDS) JOBS=$(JOBS) scripts/soak.sh $(BUILD)
 
 install: build
 	$(CMAKE) --install $(BUILD)/release $(if $(PREFIX),--prefix $(PREFIX))
