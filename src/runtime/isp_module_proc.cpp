@@ -67,6 +67,9 @@ u32 gulWakePending = 0;
 // to a descriptor number that has been closed and given to someone else.
 pthread_mutex_t gstWakeFdLock = PTHREAD_MUTEX_INITIALIZER;
 
+// Who sent the bytes that wait in the receive buffer; process thread only.
+struct sockaddr_in gstBufSender;
+
 struct MOD_PARSE_RESULT_S {
     u32 ulRet;
     bool bConsumed;  // a failure that stepped over bytes: parsing may go on
@@ -243,6 +246,7 @@ void MOD_CmdModuleName(const char *pcProcName, char (&acName)[MOD_NAME_LEN])
 u32 MOD_InitProc(const char *pcProcName, u32 ulProcID)
 {
     MOD_PROC_S *pstProc = &gstCurProc;
+    memset(&gstBufSender, 0, sizeof(gstBufSender));
     memset(pstProc->szProcName, 0, sizeof(pstProc->szProcName));
     ISP_strncpy(pstProc->szProcName, pcProcName, MOD_NAME_LEN - 1);
     pstProc->ulProcID = ulProcID;
@@ -293,6 +297,33 @@ u32 MOD_InitProc(const char *pcProcName, u32 ulProcID)
 
 enum class RecvResult { kData, kEmpty, kBufFull, kBufFullQuiet, kFail };
 
+// One sender's message may come split over its datagrams, but is never mixed
+// with another's: when a datagram of another sender comes, what is left of
+// the last one's bytes is dropped, instead of taking the new datagram as the
+// body that an unfinished (or lying) header still waits for. Left there, a
+// short hostile message from any local process would swallow the requests
+// behind it. Bytes before a prefix go without a record, as they always do.
+void MOD_DropOtherSendersRest(const struct sockaddr_in *pstAddr, u32 *pulUsed)
+{
+    const bool bSame = pstAddr->sin_addr.s_addr == gstBufSender.sin_addr.s_addr &&
+                       pstAddr->sin_port == gstBufSender.sin_port;
+    if (*pulUsed != 0 && !bSame) {
+        u8 aucHead[sizeof(kPrefixBytes)] = {};
+        const bool bUnfinished = CBUF_Prefetch(gstCurProc.hCircBuf, sizeof(aucHead), aucHead) ==
+                                     static_cast<s32>(sizeof(aucHead)) &&
+                                 memcmp(aucHead, kPrefixBytes, sizeof(aucHead)) == 0;
+        if (bUnfinished && MOD_RateAdmit(MOD_RATE_KIND_E::UNFINISHED)) {
+            char acFrom[INET_ADDRSTRLEN] = "";
+            inet_ntop(AF_INET, &gstBufSender.sin_addr, acFrom, sizeof(acFrom));
+            IBP_WRN("drop %u bytes of an unfinished msg from %s:%u, a datagram of another sender came", *pulUsed,
+                    acFrom, static_cast<unsigned>(ntohs(gstBufSender.sin_port)));
+        }
+        (void)CBUF_DropElem(gstCurProc.hCircBuf, *pulUsed);
+        *pulUsed = 0;
+    }
+    gstBufSender = *pstAddr;
+}
+
 // One datagram from the socket into the receive buffer. A socket with
 // nothing left to read is no failure and is not logged as one.
 RecvResult MOD_RecvDatagram(struct sockaddr_in *pstAddr)
@@ -317,6 +348,7 @@ RecvResult MOD_RecvDatagram(struct sockaddr_in *pstAddr)
         return RecvResult::kData;
     u32 ulUsed = 0;
     (void)CBUF_GetReadNum(gstCurProc.hCircBuf, &ulUsed);
+    MOD_DropOtherSendersRest(pstAddr, &ulUsed);
     const u32 ulFree = kMaxMsgInBuf - ulUsed;
     u32 ulSize = static_cast<u32>(lSize);
     if (ulSize > ulFree && !MOD_RateAdmit(MOD_RATE_KIND_E::BUF_FULL)) {

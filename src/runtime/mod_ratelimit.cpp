@@ -28,6 +28,7 @@ constexpr std::array<MOD_RATE_CFG_S, static_cast<size_t>(MOD_RATE_KIND_E::NUM)> 
     {5, LOG_LEVEL_ERR, "msg len never fits the receive buffer"},
     {5, LOG_LEVEL_ERR, "module not found by dest module id"},
     {5, LOG_LEVEL_ERR, "circ buffer write fail"},
+    {5, LOG_LEVEL_WRN, "drop bytes of an unfinished msg"},
     {1, LOG_LEVEL_WRN, "sync ack that no thread waits for dropped"},
 }};
 

@@ -21,6 +21,7 @@ enum class MOD_RATE_KIND_E : u32 {
     LONG_MSG,   // a length that never fits the receive buffer
     NO_DEST,    // a message for a module that is not registered here
     BUF_FULL,   // a datagram that did not fit the receive buffer
+    UNFINISHED, // a message that its sender never finished
     STRAY_ACK,  // a synchronous ack that no thread waits for
     NUM,
 };

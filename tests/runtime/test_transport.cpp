@@ -137,9 +137,14 @@ TEST_F(Service, FindsMessagesAcrossDatagramsAndStepsOverJunk)
                            std::string(9000 - MSG_HDR_LEN, 'h'));
     huge.resize(MSG_HDR_LEN);
     Send(bad + huge + FromDt(MSG_TYPE_ASYNC_REQ, 8, MOD_ID_ISP_IMG, "good"));
-    ASSERT_TRUE(rec_.WaitFor(5)) << cap_.Dump();
-    EXPECT_EQ(rec_.Bodies(),
-              (std::vector<std::string>{"first", "second", "split over two datagrams", "after garbage", "good"}));
+    // Another sender's unfinished message does not take the next datagram as its body.
+    Bytes cut = FromDt(MSG_TYPE_ASYNC_REQ, 9, MOD_ID_ISP_IMG, std::string(100, 'c'));
+    ASSERT_TRUE(RawPeer(7101).SendTo(kIspPort, Bytes(cut.begin(), cut.begin() + 60)));
+    Send(FromDt(MSG_TYPE_ASYNC_REQ, 10, MOD_ID_ISP_IMG, "not swallowed"));
+    ASSERT_TRUE(rec_.WaitFor(6)) << cap_.Dump();
+    EXPECT_EQ(rec_.Bodies(), (std::vector<std::string>{"first", "second", "split over two datagrams", "after garbage",
+                                                       "good", "not swallowed"}));
+    EXPECT_LOG(cap_, "WRN", "BP", "drop 60 bytes of an unfinished msg from 127.0.0.1:7101, a datagram of another sender came");
     EXPECT_LOG(cap_, "ERR", "BP", "module not found by dest module id 0x91000001!");
     EXPECT_EQ(cap_.CountPrefix("drop msg: prefix=[0x35 0x23 0x12 0xdf] id=[0x5 0] type=2 len=[56 8]"), 1u);
     EXPECT_LOG(cap_, "ERR", "BP", "message len error! ulMsgLen=47 < 48");
