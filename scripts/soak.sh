@@ -12,14 +12,20 @@
 #     and concatenated messages, synchronous acks that nobody waits for.
 # Both senders use sockets on ephemeral ports, so they run beside the clients.
 #
-# Then a summary with a verdict, and a non-zero exit status when one fails:
-#   - the service's VmRSS grows by at most 1 MiB, and its open descriptors not
-#     at all, from the end of the warm-up (10% of the run, at least 10 s) to
-#     the end;
-#   - so do the bytes that it holds on the heap, by the sanitizer's own count
-#     (tests/soak/heap_probe.c, preloaded): unlike VmRSS they do not include
-#     the freed blocks that the sanitizer's allocator keeps cached, so they
-#     tell a kept block from allocator growth;
+# Beside it, in a namespace of its own, a release twin (BUILD_ROOT/soak-release,
+# no sanitizers) takes the same streams for the same time: the resident memory
+# is judged there, since the sanitizer's allocator keeps growing its own
+# regions and caches under a steady load (seen: +2 MiB in 270 s with the heap
+# in use flat and the quarantine off).
+#
+# Then a summary of each with its verdicts, and a non-zero exit status when one
+# fails:
+#   - the service's open descriptors do not grow from the end of the warm-up
+#     (10% of the run, at least 10 s) to the end;
+#   - under the sanitizers, the bytes that it holds on the heap grow by at most
+#     1 MiB, by the sanitizer's own count (tests/soak/heap_probe.c, preloaded):
+#     a kept block shows there, allocator growth does not;
+#   - in the release twin, its VmRSS grows by at most 1 MiB;
 #   - every file under /var/log is one of the log file pairs and within its
 #     rotation limit;
 #   - the service still answers ibp-ping and ibp-dt once the streams stop;
@@ -231,7 +237,8 @@ if [ "${1:-}" = --inside ]; then
     }
     {
         echo
-        echo "== soak summary: ${secs} s, warm-up ${warm} s, seed $seed, bursts every $burst_ms ms"
+        echo "== soak summary, $([ -n "$asan_rt" ] && echo "under AddressSanitizer and UBSan" || echo "release twin"):" \
+             "${secs} s, warm-up ${warm} s, seed $seed, bursts every $burst_ms ms"
         awk '$1 == "ping" { s += $2; a += $3; r++; if ($4 != 0) f++ }
              $1 == "dt" { d++; if ($2 == 0) ok++; else if ($2 == 1) wrong++; else if ($2 == 2) none++; else other++ }
              END { printf "requests: ibp-ping %d records sent, %d answered (%d runs, %d with a failure)\n", s, a, r, f
@@ -241,16 +248,18 @@ if [ "${1:-}" = --inside ]; then
         echo "           $(cat "$run/hostile.out")"
         echo "service counts (isp img stats): $(echo "$stats" | tr '\n' ' ' | sed 's/ *$//')"
         echo "service VmRSS KiB: start $rss0, after warm-up $rss1, end $rss2"
-        echo "service heap in use KiB (sanitizer's count): start $heap0, after warm-up $heap1, end $heap2"
+        [ -n "$asan_rt" ] && echo "service heap in use KiB (sanitizer's count): start $heap0, after warm-up $heap1, end $heap2"
         echo "service descriptors: start $fds0, after warm-up $fds1, end $fds2"
         echo "verdicts:"
         if [ "$rss1" = - ] || [ "$rss2" = - ]; then
             verdict 0 "VmRSS and descriptors: the service was gone before the end"
         else
-            verdict "$([ $((rss2 - rss1)) -le 1024 ] && echo 1)" "VmRSS grew by $((rss2 - rss1)) KiB after the warm-up (at most 1024)"
-            if [ "$heap1" = - ] || [ "$heap2" = - ]; then
-                verdict 0 "heap in use: not measured (no sanitizer runtime or probe in $dir)"
+            if [ -z "$asan_rt" ]; then
+                verdict "$([ $((rss2 - rss1)) -le 1024 ] && echo 1)" "VmRSS grew by $((rss2 - rss1)) KiB after the warm-up (at most 1024)"
+            elif [ "$heap1" = - ] || [ "$heap2" = - ]; then
+                verdict 0 "heap in use: not measured (no probe in $dir)"
             else
+                echo "  -     VmRSS grew by $((rss2 - rss1)) KiB after the warm-up: the release twin judges it"
                 verdict "$([ $((heap2 - heap1)) -le 1024 ] && echo 1)" \
                     "heap in use grew by $((heap2 - heap1)) KiB after the warm-up (at most 1024)"
             fi
@@ -309,13 +318,35 @@ jobs=${JOBS:-2}
 src=$(cd "$(dirname "$0")/.." && pwd)
 mkdir -p "$root"
 root=$(cd "$root" && pwd)
-dir=$root/soak
-echo "== soak: build with AddressSanitizer and UBSan ($dir)"
-if ! { cmake -S "$src" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DIBP_SANITIZE=ON -DIBP_BUILD_TESTS=OFF \
-           -DIBP_BUILD_APPS=ON -DIBP_BUILD_SOAK=ON >"$dir.configure.log" 2>&1 &&
-       cmake --build "$dir" -j "$jobs" --target ibp-isp ibp-ping ibp-dt soak_send heap_probe >"$dir.build.log" 2>&1; }; then
-    grep -hE 'error|Error' "$dir.configure.log" "$dir.build.log" | head -n 30
-    echo "soak: build FAILED (see $dir.build.log)"
+dir=$root/soak rel=$root/soak-release
+build() {  # DIR WHAT CMAKE-OPTIONS... (the targets in $targets)
+    local d=$1 what=$2; shift 2
+    echo "== soak: build $what ($d)"
+    if ! { cmake -S "$src" -B "$d" -DIBP_BUILD_TESTS=OFF -DIBP_BUILD_APPS=ON -DIBP_BUILD_SOAK=ON "$@" \
+               >"$d.configure.log" 2>&1 &&
+           cmake --build "$d" -j "$jobs" --target $targets >"$d.build.log" 2>&1; }; then
+        grep -hE 'error|Error' "$d.configure.log" "$d.build.log" | head -n 30
+        echo "soak: build FAILED (see $d.build.log)"
+        exit 1
+    fi
+}
+targets="ibp-isp ibp-ping ibp-dt soak_send heap_probe" \
+    build "$dir" "with AddressSanitizer and UBSan" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DIBP_SANITIZE=ON
+targets="ibp-isp ibp-ping ibp-dt soak_send" build "$rel" "the release twin" -DCMAKE_BUILD_TYPE=Release
+
+"$src/tests/harness/isolate.sh" "$src/scripts/soak.sh" --inside "$rel" >"$rel.out" 2>&1 &
+twin=$!
+trap 'kill -TERM "$twin" 2>/dev/null' EXIT
+"$src/tests/harness/isolate.sh" "$src/scripts/soak.sh" --inside "$dir"
+status=$?
+wait "$twin"
+twin_status=$?
+trap - EXIT
+sed -n '/^== soak summary/,$p' "$rel.out"
+[ "$twin_status" -eq 0 ] || grep -q '^== soak summary' "$rel.out" || cat "$rel.out"
+if [ "$status" -eq 0 ] && [ "$twin_status" -eq 0 ]; then
+    echo "soak: PASS, both runs"
+else
+    echo "soak: FAIL (sanitized run status $status, release twin status $twin_status)"
     exit 1
 fi
-exec "$src/tests/harness/isolate.sh" "$src/scripts/soak.sh" --inside "$dir"
