@@ -135,9 +135,11 @@ if [ "${1:-}" = --inside ]; then
     }
     # Keeps a client's standard error when it holds a sanitizer report.
     keep_report() {  # ERR WHAT
-        if grep -qE "$sanitizer_report" "$1"; then
-            { echo "== $2"; cat "$1"; } >>"$run/clients.sanitizer"
-        fi
+        # What matched, taken in the same read that finds it.
+        local report
+        report=$(grep -E -A 40 "$sanitizer_report" "$1")
+        [ -n "$report" ] && printf '== %s\n%s\n' "$2" "$report" >>"$run/clients.sanitizer"
+        return 0
     }
     # ping: a line "ping SENT ANSWERED STATUS" in the tally.
     ping_once() {
