@@ -107,34 +107,6 @@ void MOD_SemWaitRetry(sem_t *pstSem)
     }
 }
 
-// Waits for a post at most ulMaxMs. The semaphore only knows wall-clock
-// deadlines; the budget is kept on the monotonic clock so that a clock step
-// cannot cut the wait short.
-bool MOD_SemWaitFor(sem_t *pstSem, u64 ulMaxMs)
-{
-    u64 ullStart = 0;
-    u64 ullNow = 0;
-    ISP_GetMonotonicTime(&ullStart);
-    for (;;) {
-        ISP_GetMonotonicTime(&ullNow);
-        if (ullNow - ullStart >= ulMaxMs)
-            return sem_trywait(pstSem) == 0;
-        u64 ullLeft = ulMaxMs - (ullNow - ullStart);
-        ISP_TIMESPEC_S stNow{};
-        ISP_clock_gettime(CLOCK_REALTIME, &stNow);
-        timespec stDeadline{};
-        stDeadline.tv_sec = stNow.lSec + static_cast<time_t>(ullLeft / 1000);
-        stDeadline.tv_nsec = stNow.lNanoSec + static_cast<long>(ullLeft % 1000) * 1000000L;
-        if (stDeadline.tv_nsec >= 1000000000L) {
-            stDeadline.tv_sec += 1;
-            stDeadline.tv_nsec -= 1000000000L;
-        }
-        if (sem_timedwait(pstSem, &stDeadline) == 0)
-            return true;
-    }
-}
-
-
 // Gives a slot whose thread has ended (or never started) back to the pool.
 // Messages still queued are freed rather than left to be overwritten by the
 // next registration.
@@ -187,6 +159,33 @@ bool MOD_StopThread(MOD_MODULE_S *pstModule)
 }
 
 }  // namespace
+
+// Waits for a post at most ulMaxMs. The semaphore only knows wall-clock
+// deadlines; the budget is kept on the monotonic clock so that a clock step
+// cannot cut the wait short.
+bool MOD_SemWaitFor(sem_t *pstSem, u64 ulMaxMs)
+{
+    u64 ullStart = 0;
+    u64 ullNow = 0;
+    ISP_GetMonotonicTime(&ullStart);
+    for (;;) {
+        ISP_GetMonotonicTime(&ullNow);
+        if (ullNow - ullStart >= ulMaxMs)
+            return sem_trywait(pstSem) == 0;
+        u64 ullLeft = ulMaxMs - (ullNow - ullStart);
+        ISP_TIMESPEC_S stNow{};
+        ISP_clock_gettime(CLOCK_REALTIME, &stNow);
+        timespec stDeadline{};
+        stDeadline.tv_sec = stNow.lSec + static_cast<time_t>(ullLeft / 1000);
+        stDeadline.tv_nsec = stNow.lNanoSec + static_cast<long>(ullLeft % 1000) * 1000000L;
+        if (stDeadline.tv_nsec >= 1000000000L) {
+            stDeadline.tv_sec += 1;
+            stDeadline.tv_nsec -= 1000000000L;
+        }
+        if (sem_timedwait(pstSem, &stDeadline) == 0)
+            return true;
+    }
+}
 
 // Frees what is left on a queue that nobody will serve any more.
 void MOD_DrainQueue(MOD_MSG_CTRL_S *pstQueue)

@@ -32,7 +32,7 @@ void MOD_InitAckWaiters(MOD_MODULE_S *pstModule) { MOD_ListInit(&MOD_WaitersOf(p
 void MOD_AddAckWaiter(MOD_MODULE_S *pstModule, MOD_ACK_WAITER_S *pstWaiter, u32 ulAssMsgID)
 {
     pstWaiter->ulAssMsgID = ulAssMsgID;
-    pstWaiter->bAcked = false;
+    pstWaiter->pstAck = nullptr;
     sem_init(&pstWaiter->stSem, 0, 0);
     MOD_SemGuard lock(&pstModule->stAckMsgCtrl.stLock);
     MOD_ListAddTail(&MOD_WaitersOf(pstModule), &pstWaiter->stNode);
@@ -40,16 +40,16 @@ void MOD_AddAckWaiter(MOD_MODULE_S *pstModule, MOD_ACK_WAITER_S *pstWaiter, u32 
 
 MOD_BUF_S *MOD_DelAckWaiter(MOD_MODULE_S *pstModule, MOD_ACK_WAITER_S *pstWaiter)
 {
-    bool bAcked = false;
     {
         // Also keeps a deliverer that is still inside sem_post from meeting a
         // destroyed semaphore: it posts under this lock.
         MOD_SemGuard lock(&pstModule->stAckMsgCtrl.stLock);
         MOD_ListDel(&pstWaiter->stNode);
-        bAcked = pstWaiter->bAcked;
+        if (pstWaiter->pstAck != nullptr)
+            MOD_ListDel(&pstWaiter->pstAck->stNode);  // off the ack queue, to the caller
     }
     sem_destroy(&pstWaiter->stSem);
-    return bAcked ? MOD_GetModuleMsg(&pstModule->stAckMsgCtrl, MOD_GET_BY_ASSID, pstWaiter->ulAssMsgID) : nullptr;
+    return pstWaiter->pstAck;
 }
 
 void MOD_DeliverSyncAck(MOD_MODULE_S *pstModule, MOD_BUF_S *pstBuf)
@@ -61,8 +61,8 @@ void MOD_DeliverSyncAck(MOD_MODULE_S *pstModule, MOD_BUF_S *pstBuf)
         MOD_LIST_S &stWaiters = MOD_WaitersOf(pstModule);
         for (MOD_LIST_S *p = stWaiters.pstNext; p != &stWaiters; p = p->pstNext) {
             auto *pstWaiter = MOD_ListEntry(p, &MOD_ACK_WAITER_S::stNode);
-            if (pstWaiter->ulAssMsgID == pstHdr->ulAssMsgID && !pstWaiter->bAcked) {
-                pstWaiter->bAcked = true;
+            if (pstWaiter->ulAssMsgID == pstHdr->ulAssMsgID && pstWaiter->pstAck == nullptr) {
+                pstWaiter->pstAck = pstBuf;
                 MOD_ListAddTail(&stQueue.stUsedList, &pstBuf->stNode);
                 sem_post(&pstWaiter->stSem);
                 return;

@@ -156,20 +156,18 @@ u32 MOD_InitWakeFd(s32 lEpollFd)
         ISP_close(lFd);
         return 1;
     }
-    pthread_mutex_lock(&gstWakeFdLock);
+    MOD_MutexGuard lock(&gstWakeFdLock);
     __atomic_store_n(&gulWakePending, 0u, __ATOMIC_RELAXED);
     __atomic_store_n(&glWakeFd, lFd, __ATOMIC_RELEASE);
-    pthread_mutex_unlock(&gstWakeFdLock);
     return 0;
 }
 
 void MOD_CloseWakeFd()
 {
-    pthread_mutex_lock(&gstWakeFdLock);
+    MOD_MutexGuard lock(&gstWakeFdLock);
     s32 lFd = __atomic_exchange_n(&glWakeFd, -1, __ATOMIC_ACQ_REL);
     if (lFd >= 0)
         ISP_close(lFd);
-    pthread_mutex_unlock(&gstWakeFdLock);
 }
 
 // Takes the wake-up: from here on the next MOD_WakeProcThread writes again.
@@ -544,11 +542,10 @@ void MOD_WakeProcThread()
     if (__atomic_exchange_n(&gulWakePending, 1u, __ATOMIC_SEQ_CST) != 0)
         return;  // a write is on its way and the thread has not run since
     const u64 ullOne = 1;
-    pthread_mutex_lock(&gstWakeFdLock);
+    MOD_MutexGuard lock(&gstWakeFdLock);
     s32 lFd = __atomic_load_n(&glWakeFd, __ATOMIC_ACQUIRE);
     if (lFd >= 0)
         (void)!write(lFd, &ullOne, sizeof(ullOne));
-    pthread_mutex_unlock(&gstWakeFdLock);
 }
 
 void *MOD_ProcThreadProc(void *pvModule)

@@ -2,11 +2,7 @@
 // application calls over ISP_MSG_S records.
 #include "ibp/isp_sendmsg.h"
 
-#include <semaphore.h>
-
-#include <cerrno>
 #include <cstring>
-#include <ctime>
 
 #include "ibp/isp_module.h"
 #include "ibp/isp_system.h"
@@ -42,14 +38,7 @@ u32 MSG_WaitAck(MOD_MODULE_S *pstModule, MOD_ACK_WAITER_S *pstWaiter, u32 ulMsgI
 {
     const u64 ullSteps = (static_cast<u64>(ulTimeout) + kSyncStepMs - 1) / kSyncStepMs;
     const u64 ullWaitMs = (ullSteps == 0 ? 1 : ullSteps) * kSyncStepMs;
-    ISP_TIMESPEC_S stNow{};
-    ISP_clock_gettime(CLOCK_MONOTONIC, &stNow);
-    timespec stDeadline{};
-    const u64 ullNs = static_cast<u64>(stNow.lNanoSec) + (ullWaitMs % 1000) * 1000000u;
-    stDeadline.tv_sec = static_cast<time_t>(static_cast<u64>(stNow.lSec) + ullWaitMs / 1000 + ullNs / 1000000000u);
-    stDeadline.tv_nsec = static_cast<long>(ullNs % 1000000000u);
-    while (sem_clockwait(&pstWaiter->stSem, CLOCK_MONOTONIC, &stDeadline) != 0 && errno == EINTR) {
-    }
+    (void)MOD_SemWaitFor(&pstWaiter->stSem, ullWaitMs);
     // An ack that came just at the deadline still counts.
     MOD_BUF_S *pstAck = MOD_DelAckWaiter(pstModule, pstWaiter);
     if (pstAck != nullptr) {

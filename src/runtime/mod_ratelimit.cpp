@@ -7,6 +7,7 @@
 
 #include "ibp/isp_system.h"
 #include "log/log_internal.h"
+#include "runtime/module_internal.h"
 #include "runtime/proc_internal.h"
 
 IBP_LOG_SOURCE("isp_module");
@@ -40,14 +41,6 @@ struct MOD_RATE_S {
 
 std::array<MOD_RATE_S, static_cast<size_t>(MOD_RATE_KIND_E::NUM)> gastRate;
 pthread_mutex_t gstRateLock = PTHREAD_MUTEX_INITIALIZER;
-
-class RateLock {
-public:
-    RateLock() { pthread_mutex_lock(&gstRateLock); }
-    ~RateLock() { pthread_mutex_unlock(&gstRateLock); }
-    RateLock(const RateLock &) = delete;
-    RateLock &operator=(const RateLock &) = delete;
-};
 
 u64 NowMs()
 {
@@ -85,7 +78,7 @@ bool MOD_RateAdmit(MOD_RATE_KIND_E enKind)
     bool bAdmit = false;
     bool bFirstLeftOut = false;
     {
-        RateLock lock;
+        MOD_MutexGuard lock(&gstRateLock);
         MOD_RATE_S &stRate = gastRate[i];
         ulDue = MOD_RateRoll(stRate, ullNow);
         if (stRate.ullStart == 0)
@@ -110,7 +103,7 @@ void MOD_RateLeaveOut(MOD_RATE_KIND_E enKind, u32 ulNum)
 {
     if (ulNum == 0)
         return;
-    RateLock lock;
+    MOD_MutexGuard lock(&gstRateLock);
     // Right after a refusal: the window is still open and a count already
     // waits, so the timer is set.
     gastRate[static_cast<size_t>(enKind)].ulLeftOut += ulNum;
@@ -122,7 +115,7 @@ int MOD_RateFlush()
     std::array<u32, gastRate.size()> aulDue{};
     u64 ullNext = 0;
     {
-        RateLock lock;
+        MOD_MutexGuard lock(&gstRateLock);
         for (size_t i = 0; i < gastRate.size(); i++) {
             MOD_RATE_S &stRate = gastRate[i];
             aulDue[i] = MOD_RateRoll(stRate, ullNow);
@@ -146,7 +139,7 @@ void MOD_RateReset()
 {
     std::array<u32, gastRate.size()> aulDue{};
     {
-        RateLock lock;
+        MOD_MutexGuard lock(&gstRateLock);
         for (size_t i = 0; i < gastRate.size(); i++)
             aulDue[i] = gastRate[i].ulLeftOut;
         gastRate = {};

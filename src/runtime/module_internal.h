@@ -3,8 +3,10 @@
 // bound for the other process, and the counters that several threads bump.
 #pragma once
 
-#include <cerrno>
+#include <pthread.h>
 #include <semaphore.h>
+
+#include <cerrno>
 
 #include "ibp/isp_module.h"
 #include "ibp/isp_system.h"
@@ -61,6 +63,22 @@ inline void MOD_CountMsg(u32 *pulCount, u32 *pulLastMsg, u32 ulMsgID)
     __atomic_store_n(pulLastMsg, ulMsgID, __ATOMIC_RELAXED);
 }
 
+// Waits for a post of pstSem at most ulMaxMs, on the monotonic clock; true
+// when the post came.
+bool MOD_SemWaitFor(sem_t *pstSem, u64 ulMaxMs);
+
+// A plain mutex held for the scope.
+class MOD_MutexGuard {
+public:
+    explicit MOD_MutexGuard(pthread_mutex_t *pstMutex) : pstMutex_(pstMutex) { pthread_mutex_lock(pstMutex_); }
+    ~MOD_MutexGuard() { pthread_mutex_unlock(pstMutex_); }
+    MOD_MutexGuard(const MOD_MutexGuard &) = delete;
+    MOD_MutexGuard &operator=(const MOD_MutexGuard &) = delete;
+
+private:
+    pthread_mutex_t *pstMutex_;
+};
+
 // A semaphore of value 1 held as a mutex for the scope.
 class MOD_SemGuard {
 public:
@@ -111,8 +129,8 @@ void MOD_InitMsgProcTable(MOD_MODULE_S *pstModule);
 struct MOD_ACK_WAITER_S {
     MOD_LIST_S stNode;
     u32 ulAssMsgID;
-    bool bAcked;  // its ack is on the ack queue; any later one is a stray
-    sem_t stSem;  // posted once, when the ack arrives
+    MOD_BUF_S *pstAck;  // on the ack queue once it came; any later one is a stray
+    sem_t stSem;        // posted once, when the ack arrives
 };
 
 // No thread waits on a module that has just been registered.
