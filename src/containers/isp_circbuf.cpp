@@ -5,11 +5,11 @@
 #include <cstring>
 
 #include "containers/isp_circbuf_priv.h"
-#include "debug/cmd_display.h"
+#include "common/cmd_display.h"
 #include "ibp/isp_system.h"
 #include "log/log_internal.h"
 #include "platform/isp_system_internal.h"
-#include "runtime/mod_list.h"
+#include "common/mod_list.h"
 
 IBP_LOG_SOURCE("isp_circbuf");
 

@@ -4,7 +4,7 @@
 #pragma once
 
 #include "ibp/isp_cmd.h"
-#include "runtime/mod_list.h"
+#include "common/mod_list.h"
 
 // Roots of the tree, linked through their stSibling; one root, "isp".
 extern MOD_LIST_S gstCmdRootList;

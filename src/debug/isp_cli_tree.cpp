@@ -14,7 +14,7 @@
 #include "ibp/isp_rawmsg.h"
 #include "ibp/isp_sendmsg.h"
 #include "ibp/isp_system.h"
-#include "runtime/mod_list.h"
+#include "common/mod_list.h"
 
 IBP_LOG_SOURCE("isp_cli");
 

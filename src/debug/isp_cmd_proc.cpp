@@ -9,7 +9,7 @@
 #include <array>
 #include <cstring>
 
-#include "debug/cmd_display.h"
+#include "common/cmd_display.h"
 #include "debug/cmd_internal.h"
 #include "ibp/isp_cmd.h"
 #include "ibp/isp_rawmsg.h"

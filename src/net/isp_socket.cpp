@@ -9,11 +9,11 @@
 #include <netinet/tcp.h>
 #include <sys/ioctl.h>
 
-#include "debug/cmd_display.h"
+#include "common/cmd_display.h"
 #include "ibp/isp_system.h"
 #include "log/log_internal.h"
 #include "net/isp_socket_priv.h"
-#include "runtime/mod_list.h"
+#include "common/mod_list.h"
 
 IBP_LOG_SOURCE("isp_socket");
 

@@ -8,7 +8,7 @@
 
 #include "ibp/isp_system.h"
 #include "log/log_internal.h"
-#include "runtime/mod_list.h"
+#include "common/mod_list.h"
 #include "runtime/module_internal.h"
 #include "runtime/proc_internal.h"
 

@@ -5,7 +5,7 @@
 #include "ibp/isp_module.h"
 #include "ibp/isp_system.h"
 #include "log/log_internal.h"
-#include "runtime/mod_list.h"
+#include "common/mod_list.h"
 #include "runtime/module_internal.h"
 
 IBP_LOG_SOURCE("isp_module");

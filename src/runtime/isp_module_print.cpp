@@ -1,7 +1,7 @@
 // The state of the runtime as text: the registered modules with their
 // counters, the module table and the process table. They are display
 // functions of the command service and run on its thread.
-#include "debug/cmd_display.h"
+#include "common/cmd_display.h"
 #include "ibp/isp_module.h"
 #include "log/log_internal.h"
 #include "runtime/module_internal.h"

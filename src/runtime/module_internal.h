@@ -10,7 +10,7 @@
 
 #include "ibp/isp_module.h"
 #include "ibp/isp_system.h"
-#include "runtime/mod_list.h"
+#include "common/mod_list.h"
 
 // The one process control block; zero until MOD_SysInit stores the identity.
 extern MOD_PROC_S gstCurProc;

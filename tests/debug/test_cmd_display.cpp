@@ -5,7 +5,7 @@
 #include <cstring>
 #include <string>
 
-#include "debug/cmd_display.h"
+#include "common/cmd_display.h"
 
 TEST(CmdDisplay, AppendsBehindTheTextOnEntryAndCutsToTheRoomLeft)
 {
