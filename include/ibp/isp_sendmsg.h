@@ -3,10 +3,17 @@
  * forwards between modules of one process or of the two processes; and the
  * application calls that carry a plain ISP_MSG_S record as the body.
  *
- * Ownership after the call: on success the runtime owns the message, except
- * the ack that MSG_SendSyncMsg hands back, which the caller frees with
- * MSG_Destroy. On failure MSG_SendAsyncMsg has already destroyed the message;
- * the other calls leave it with the caller. */
+ * Who owns a message after each call:
+ * | call             | success                       | failure                                  |
+ * |------------------|-------------------------------|------------------------------------------|
+ * | MSG_SendSyncMsg  | the runtime; the ack handed   | before the request was queued: the       |
+ * |                  | back is the caller's          | caller's; after (time-out, the module    |
+ * |                  | (MSG_Destroy)                 | went away): the runtime's                |
+ * | MSG_SendAsyncMsg | the runtime                   | destroyed by the call                    |
+ * | MSG_SendAckMsg   | the runtime                   | the caller's                             |
+ * | MSG_ForwardMsg   | the runtime                   | the caller's                             |
+ * The ISP_ calls copy the caller's record into a message of their own and
+ * keep these rules for it themselves: the record stays the caller's. */
 #ifndef IBP_ISP_SENDMSG_H
 #define IBP_ISP_SENDMSG_H
 
@@ -21,17 +28,25 @@ IBP_EXTERN_C_BEGIN
 IBP_API u32 MSG_ConfigHdr(MSG_HANDLE hMsg, u32 ulSrcModuleID, u32 ulDstModuleID,
                           MSG_TYPE_E enMsgType, u32 ulMsgID);
 /** Sends a synchronous request and blocks the calling thread until the ack
- * comes or the time-out (ms, counted in 10 ms steps) runs out. The ack, stored
- * in *phAckMsg, is the caller's (MSG_Destroy). Returns 0 or 1. */
+ * comes, the time-out (ms, counted in 10 ms steps) runs out, or the module of
+ * this process that holds the request goes away. The ack, stored in
+ * *phAckMsg, is the caller's (MSG_Destroy). Returns 0 or 1. A failure before
+ * the request was queued (bad argument, no such module, no current module)
+ * leaves hReqMsg with the caller; a time-out or a module gone leaves it with
+ * the runtime, which frees it. */
 IBP_API u32 MSG_SendSyncMsg(u32 ulDstModuleID, u32 ulMsgID, MSG_HANDLE hReqMsg, u32 ulTimeout,
                             MSG_HANDLE *phAckMsg);
-/** Sends a one-way message. Returns 0 or 1; the message is gone either way. */
+/** Sends a one-way message. Returns 0 or 1; the message is the runtime's
+ * either way: a refused one has been destroyed. */
 IBP_API u32 MSG_SendAsyncMsg(u32 ulDstModuleID, u32 ulMsgID, MSG_HANDLE hReqMsg);
 /** Sends hAckMsg as the answer to the request hReqMsg, back to its sender.
- * Returns 0 or 1. */
+ * Returns 0 or 1; on failure hAckMsg is still the caller's, and hReqMsg is
+ * never taken. */
 IBP_API u32 MSG_SendAckMsg(MSG_HANDLE hReqMsg, MSG_HANDLE hAckMsg);
 /** Passes a message on to another module registered in this process, the
- * header kept but for the destination. Returns 0 or 1. */
+ * header kept but for the destination. Returns 0 or 1; on failure the
+ * message is still the caller's. A handler forwards a clone (MSG_Clone) of
+ * the message it got, which stays the runtime's. */
 IBP_API u32 MSG_ForwardMsg(u32 ulDstModuleID, MSG_HANDLE hReqMsg);
 
 /** Bytes of the head of an application message. */

@@ -31,6 +31,20 @@ inline void MOD_ListDel(MOD_LIST_S *pstNode)
     pstNode->pstPrev = nullptr;
 }
 
+// Moves every entry of pstFrom, in order, to the empty head pstTo; pstFrom
+// is left empty.
+inline void MOD_ListSplice(MOD_LIST_S *pstFrom, MOD_LIST_S *pstTo)
+{
+    MOD_ListInit(pstTo);
+    if (MOD_ListEmpty(pstFrom))
+        return;
+    pstTo->pstNext = pstFrom->pstNext;
+    pstTo->pstPrev = pstFrom->pstPrev;
+    pstTo->pstNext->pstPrev = pstTo;
+    pstTo->pstPrev->pstNext = pstTo;
+    MOD_ListInit(pstFrom);
+}
+
 // The record that holds `member` at `pstLink`.
 template <typename T, typename M>
 T *MOD_ListEntry(MOD_LIST_S *pstLink, M T::*member)

@@ -18,6 +18,14 @@ CMD_FULL_CMD_S *CMD_FullCmdList();
 char *CMD_ResultBuf();
 // The root titled "isp", or null before a CMD_Init that got that far.
 CMD_NODE_S *CMD_FindRoot();
+// What CMD_Init sets up of the tree: whatever an earlier set-up left is
+// freed, then the lock, the empty table (live from here on) and the root.
+// 0, or 1 after its record.
+u32 CMD_TreeSetUp();
+// Frees the table, for a set-up that fails after CMD_TreeSetUp.
+void CMD_TreeDropTable();
+// The buffer in which answers are built, made last; 0, or 1 after its record.
+u32 CMD_MakeResultBuf();
 
 inline CMD_NODE_S *CMD_NodeOfSibling(MOD_LIST_S *pstLink) { return MOD_ListEntry(pstLink, &CMD_NODE_S::stSibling); }
 inline CMD_NODE_S *CMD_NodeOfChild(MOD_LIST_S *pstLink) { return MOD_ListEntry(pstLink, &CMD_NODE_S::stChild); }

@@ -15,6 +15,7 @@
 #include "ibp/isp_sendmsg.h"
 #include "ibp/isp_system.h"
 #include "common/mod_list.h"
+#include "runtime/sendmsg_internal.h"
 
 IBP_LOG_SOURCE("isp_cli");
 
@@ -387,14 +388,11 @@ CLI_RESULT_E CLI_Request(u32 ulMsgID, const char *pcCmd)
     const char *pcBody = pcCmd[0] != '\0' ? pcCmd : "dbgcmd";
     MSG_HANDLE hReq = MSG_Create(pcBody, static_cast<u32>(strlen(pcBody) + 1));
     MSG_HANDLE hAck = nullptr;
-    if (MSG_SendSyncMsg(gulDestModuleID, ulMsgID, hReq, CLI_REQ_TIMEOUT_MS, &hAck) != 0) {
+    bool bQueued = false;
+    if (MSG_SendSyncMsgEx(gulDestModuleID, ulMsgID, hReq, CLI_REQ_TIMEOUT_MS, &hAck, &bQueued) != 0) {
         CLI_ERR("send syncMsg fail");
-        // The failure does not say whether the runtime took the request.
-        // Without a module to speak as (the library is not started in this
-        // process) it never did, and the request is still ours; in every
-        // other case it is left alone, for the runtime may own it.
-        if (hReq != nullptr && MOD_GetCurWorkModule() == nullptr)
-            MSG_Destroy(hReq);
+        if (!bQueued && hReq != nullptr)
+            MSG_Destroy(hReq);  // never handed over; a queued one is the runtime's
         return CLI_RESULT_NO_ANSWER;
     }
     void *pBody = nullptr;

@@ -1,5 +1,6 @@
 // The command tree of the service process and the table of full commands:
-// set-up, elements, and the registration that fills both.
+// their set-up, elements, and the registration that fills both. The service
+// that answers from them (isp_cmd_proc.cpp) stands above this file.
 //
 // Locking: ghCmdTreeLock is held over every change of the tree and the table
 // and over the walk that turns the tree into text. The table is read without
@@ -15,7 +16,6 @@
 #include "ibp/isp_system.h"
 #include "log/log_internal.h"
 #include "platform/isp_system_internal.h"
-#include "runtime/module_internal.h"
 
 IBP_LOG_SOURCE("isp_cmd");
 
@@ -242,19 +242,6 @@ void CMD_FreeTable()
     ISP_free(&pstHead);
 }
 
-// True while an earlier set-up serves requests: its table is there and its
-// handler sits on a running "ISP_CMD". After MOD_SysDestroy (or CMD_Destroy)
-// a new set-up may replace it.
-bool CMD_ServiceRunning()
-{
-    if (CMD_FullCmdList() == nullptr)
-        return false;
-    MOD_MODULE_S *pstModule = MOD_GetModuleByID(MOD_ID_ISP_CMD);
-    MOD_MSG_PROC_COPY_S stProc{};
-    return pstModule != nullptr && MOD_FindMsgProc(&pstModule->stMsgProcCtrl, 0, &stProc) &&
-           stProc.pfnMsgProc == CMD_ProcMsg;
-}
-
 }  // namespace
 
 CMD_FULL_CMD_S *CMD_FullCmdList() { return __atomic_load_n(&gpstCmdList, __ATOMIC_ACQUIRE); }
@@ -273,15 +260,8 @@ CMD_NODE_S *CMD_FindRoot()
     return nullptr;
 }
 
-extern "C" {
-
-IBP_API u32 CMD_Init(void)
+u32 CMD_TreeSetUp()
 {
-    // A second set-up would pull the tree from under the running service.
-    if (CMD_ServiceRunning()) {
-        IBP_ERR("cmd tree is initialized already, call CMD_Destroy first");
-        return 1;
-    }
     CMD_FreeTable();
     CMD_ReclaimOld();
     ghCmdTreeLock = nullptr;
@@ -307,24 +287,24 @@ IBP_API u32 CMD_Init(void)
     }
     pstRoot->bFirstChild = 1;
     MOD_ListAddTail(gstCmdRootList.pstNext, &pstRoot->stSibling);  // at the front
-    // The table goes live before the handler, so that a request never finds
-    // the handler without its table; the result buffer comes last, and a
-    // request that arrives before it is answered "operate fail".
     __atomic_store_n(&gpstCmdList, pstHead, __ATOMIC_RELEASE);
-    if (MOD_RegMsgProc(MOD_ID_ISP_CMD, 0, CMD_ProcMsg, nullptr) != 0) {
-        IBP_ERR("register message proc fail");
-        CMD_FreeTable();
-        return 1;
-    }
+    return 0;
+}
+
+void CMD_TreeDropTable() { CMD_FreeTable(); }
+
+u32 CMD_MakeResultBuf()
+{
     auto *pcResult = static_cast<char *>(ISP_malloc(0, CMD_RESULT_BUF_LEN));
     if (pcResult == nullptr) {
         IBP_ERR("malloc %d fail", static_cast<int>(CMD_RESULT_BUF_LEN));
-        CMD_FreeTable();
         return 1;
     }
     __atomic_store_n(&gpcCmdResult, pcResult, __ATOMIC_RELEASE);
     return 0;
 }
+
+extern "C" {
 
 IBP_API void CMD_Destroy(void)
 {

@@ -1,6 +1,6 @@
-// The command service: the catch-all handler of "ISP_CMD" that answers the
-// debug tool with the tree text or the output of a command, and the calls
-// through which a display function reads its parameters.
+// The command service: its set-up (CMD_Init), the catch-all handler of
+// "ISP_CMD" that answers the debug tool with the tree text or the output of a
+// command, and the calls through which a display function reads its parameters.
 //
 // Threads: everything here runs on the thread of "ISP_CMD", one request at a
 // time, so the request in hand, the result buffer and the parameters need no
@@ -12,11 +12,13 @@
 #include "common/cmd_display.h"
 #include "debug/cmd_internal.h"
 #include "ibp/isp_cmd.h"
+#include "ibp/isp_module.h"
 #include "ibp/isp_rawmsg.h"
 #include "ibp/isp_sendmsg.h"
 #include "ibp/isp_system.h"
 #include "log/log_internal.h"
 #include "platform/isp_system_internal.h"
+#include "runtime/module_internal.h"
 
 IBP_LOG_SOURCE("isp_cmd");
 
@@ -225,9 +227,46 @@ bool CMD_IsAck(MSG_HANDLE hMsg)
     return true;
 }
 
+// True while an earlier set-up serves requests: its table is there and its
+// handler sits on a running "ISP_CMD". After MOD_SysDestroy (or CMD_Destroy)
+// a new set-up may replace it.
+bool CMD_ServiceRunning()
+{
+    if (CMD_FullCmdList() == nullptr)
+        return false;
+    MOD_MODULE_S *pstModule = MOD_GetModuleByID(MOD_ID_ISP_CMD);
+    MOD_MSG_PROC_COPY_S stProc{};
+    return pstModule != nullptr && MOD_FindMsgProc(&pstModule->stMsgProcCtrl, 0, &stProc) &&
+           stProc.pfnMsgProc == CMD_ProcMsg;
+}
+
 }  // namespace
 
 extern "C" {
+
+IBP_API u32 CMD_Init(void)
+{
+    // A second set-up would pull the tree from under the running service.
+    if (CMD_ServiceRunning()) {
+        IBP_ERR("cmd tree is initialized already, call CMD_Destroy first");
+        return 1;
+    }
+    if (CMD_TreeSetUp() != 0)
+        return 1;
+    // The table goes live before the handler, so that a request never finds
+    // the handler without its table; the result buffer comes last, and a
+    // request that arrives before it is answered "operate fail".
+    if (MOD_RegMsgProc(MOD_ID_ISP_CMD, 0, CMD_ProcMsg, nullptr) != 0) {
+        IBP_ERR("register message proc fail");
+        CMD_TreeDropTable();
+        return 1;
+    }
+    if (CMD_MakeResultBuf() != 0) {
+        CMD_TreeDropTable();
+        return 1;
+    }
+    return 0;
+}
 
 IBP_API u32 CMD_ProcMsg(u32 ulMsgID, MSG_HANDLE hReqMsg, void *pParam)
 {

@@ -1,11 +1,10 @@
-// Message handler tables of the modules and the loop that hands queued
-// messages to their handlers.
+// Handler tables of the modules, and the drain that hands a module's queued
+// messages to their handlers on its thread.
 #include <cstring>
 
 #include "ibp/isp_module.h"
 #include "ibp/isp_system.h"
 #include "log/log_internal.h"
-#include "common/mod_list.h"
 #include "runtime/module_internal.h"
 
 IBP_LOG_SOURCE("isp_module");
@@ -59,16 +58,35 @@ bool MOD_DeliverOne(MOD_MODULE_S *pstModule, bool *pbBadBuf)
 
 }  // namespace
 
-void MOD_InitMsgProcTable(MOD_MODULE_S *pstModule)
+namespace {
+
+// All 32 entries cleared and free, no entry in use.
+void MOD_ClearMsgProcTable(MOD_MODULE_S *pstModule)
 {
     MOD_MSG_PROC_CTRL_S &stCtrl = pstModule->stMsgProcCtrl;
-    MOD_InitListCtrl(&stCtrl, MOD_NOMINAL_MAX_NUM);
+    MOD_ResetListCtrl(&stCtrl, MOD_NOMINAL_MAX_NUM);
     for (MOD_MSG_PROC_S &stProc : pstModule->astMsgProc) {
         stProc.ulMsgID = 0;
         stProc.pfnMsgProc = nullptr;
         stProc.pParam = nullptr;
         MOD_ListAddTail(&stCtrl.stFreeList, &stProc.stNode);
     }
+}
+
+}  // namespace
+
+void MOD_MsgProcTableSetUp(MOD_MODULE_S *pstModule)
+{
+    MOD_InitListCtrl(&pstModule->stMsgProcCtrl, MOD_NOMINAL_MAX_NUM);
+    MOD_ClearMsgProcTable(pstModule);
+}
+
+// Under the table's lock: a thread that still holds the slot of the module
+// that went before may add or remove a handler at the same moment.
+void MOD_InitMsgProcTable(MOD_MODULE_S *pstModule)
+{
+    MOD_SemGuard lock(&pstModule->stMsgProcCtrl.stLock);
+    MOD_ClearMsgProcTable(pstModule);
 }
 
 bool MOD_FindMsgProc(MOD_MSG_PROC_CTRL_S *pstCtrl, u32 ulMsgID, MOD_MSG_PROC_COPY_S *pstCopy)
@@ -149,35 +167,6 @@ IBP_API MOD_MSG_PROC_S *MOD_GetMsgProc(MOD_MSG_PROC_CTRL_S *pstCtrl, u32 ulMsgID
     }
     MOD_SemGuard lock(&pstCtrl->stLock);
     return MOD_FindEntryLocked(pstCtrl, ulMsgID, false);
-}
-
-IBP_API u32 MOD_RegMsgProc(u32 ulModuleID, u32 ulMsgID, MOD_MSG_PROC_PFN pfnMsgProc, void *pParam)
-{
-    if (pfnMsgProc == nullptr) {
-        IBP_ERR("pfnMsgProc is NULL");
-        return 1;
-    }
-    MOD_MODULE_S *pstModule = MOD_GetModuleByID(ulModuleID);
-    if (pstModule == nullptr) {
-        IBP_ERR("get module by id %#x fail", ulModuleID);
-        return 1;
-    }
-    if (MOD_AddMsgProc(&pstModule->stMsgProcCtrl, ulMsgID, pfnMsgProc, pParam) != 0) {
-        IBP_ERR("add message proc fail! ulMsgID=%#x pfnMsgProc=%p pParam=%p", ulMsgID,
-                reinterpret_cast<void *>(pfnMsgProc), pParam);
-        return 1;
-    }
-    return 0;
-}
-
-IBP_API u32 MOD_UnregMsgProc(u32 ulModuleID, u32 ulMsgID)
-{
-    MOD_MODULE_S *pstModule = MOD_GetModuleByID(ulModuleID);
-    if (pstModule == nullptr) {
-        IBP_ERR("get module by id %#x fail", ulModuleID);
-        return 1;
-    }
-    return MOD_DelMsgProc(&pstModule->stMsgProcCtrl, ulMsgID);
 }
 
 IBP_API u32 MOD_RecvMsgProc(MOD_MODULE_S *pstModule)

@@ -31,8 +31,9 @@ private:
 };
 
 // Waits for the request's ack on the waiter's own semaphore, woken by its
-// delivery. The time-out is still counted in whole 10 ms steps, at least one:
-// 0 waits 10 ms, 25 waits 30, and the record says so.
+// delivery, or by its failure when the module that holds the request (or the
+// caller's own) goes away. The time-out is still counted in whole 10 ms
+// steps, at least one: 0 waits 10 ms, 25 waits 30, and the record says so.
 u32 MSG_WaitAck(MOD_MODULE_S *pstModule, MOD_ACK_WAITER_S *pstWaiter, u32 ulMsgID, u32 ulDstModuleID,
                 u32 ulTimeout, MSG_HANDLE *phAckMsg)
 {
@@ -44,6 +45,11 @@ u32 MSG_WaitAck(MOD_MODULE_S *pstModule, MOD_ACK_WAITER_S *pstWaiter, u32 ulMsgI
     if (pstAck != nullptr) {
         *phAckMsg = pstAck;
         return 0;
+    }
+    if (pstWaiter->bFailed) {
+        IBP_ERR("wait ack message fail! the module went away msgId=%#x assMsgId=%#x module=[%#x to %#x]", ulMsgID,
+                pstWaiter->ulAssMsgID, pstModule->ulModuleID, ulDstModuleID);
+        return 1;
     }
     const u32 ulWaited = ullWaitMs > UINT32_MAX ? UINT32_MAX : static_cast<u32>(ullWaitMs);
     IBP_ERR("wait ack message timeout! waitTime=%u timeoutTime=%u msgId=%#x assMsgId=%#x module=[%#x to %#x]",
@@ -92,7 +98,7 @@ u32 MSG_SendSyncMsgEx(u32 ulDstModuleID, u32 ulMsgID, MSG_HANDLE hReqMsg, u32 ul
     // Listed before the request goes out, so that no ack can come first.
     MOD_ACK_WAITER_S stWaiter;
     MOD_AddAckWaiter(pstModule, &stWaiter, ulAssMsgID);
-    ulRet = MOD_SendMsgProc(pstModule, hReqMsg);
+    ulRet = MOD_RouteMsg(pstModule, hReqMsg, &stWaiter);
     if (ulRet != 0) {
         IBP_ERR("send message to module fail! ulRet=%u", ulRet);
         (void)MOD_DelAckWaiter(pstModule, &stWaiter);

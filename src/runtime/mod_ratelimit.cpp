@@ -31,6 +31,7 @@ constexpr std::array<MOD_RATE_CFG_S, static_cast<size_t>(MOD_RATE_KIND_E::NUM)> 
     {5, LOG_LEVEL_ERR, "circ buffer write fail"},
     {5, LOG_LEVEL_WRN, "drop bytes of an unfinished msg"},
     {1, LOG_LEVEL_WRN, "sync ack that no thread waits for dropped"},
+    {1, LOG_LEVEL_WRN, "sync ack from another address than its proc dropped"},
 }};
 
 struct MOD_RATE_S {

@@ -1,6 +1,7 @@
 // Rate limits for the records that input from outside can cause in any number:
 // bad headers from the socket, lengths that never fit, unknown destinations,
-// a full receive buffer, synchronous acks that nobody waits for.
+// a full receive buffer, synchronous acks that nobody waits for or that come
+// from elsewhere than their process.
 //
 // Each kind has a window of one second and a burst: the first records of a
 // window are written as they come, the rest are counted, and one record later
@@ -23,6 +24,7 @@ enum class MOD_RATE_KIND_E : u32 {
     BUF_FULL,   // a datagram that did not fit the receive buffer
     UNFINISHED, // a message that its sender never finished
     STRAY_ACK,  // a synchronous ack that no thread waits for
+    FOREIGN_ACK, // a synchronous ack from another address than its process's
     NUM,
 };
 

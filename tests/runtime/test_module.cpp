@@ -15,9 +15,11 @@
 
 #include "harness/log_capture.h"
 #include "ibp/isp_module.h"
+#include "ibp/isp_sendmsg.h"
 #include "ibp/isp_system.h"
 #include "runtime/mod_ratelimit.h"
 #include "runtime/module_internal.h"
+#include "runtime/sendmsg_internal.h"
 
 namespace {
 
@@ -255,7 +257,7 @@ TEST_F(ServiceProcess, HandlerTableCatchAllAndItsLimitOfThirtyTwo)
 TEST_F(ServiceProcess, DrainHandsEachMessageToItsHandlerInOrder)
 {
     MOD_MODULE_S stModule{};  // served by no thread: the test drains it
-    MOD_InitMsgProcTable(&stModule);
+    MOD_MsgProcTableSetUp(&stModule);
     MOD_InitListCtrl(&stModule.stMsgCtrl, 50);
     ASSERT_EQ(MOD_AddMsgProc(&stModule.stMsgProcCtrl, 5, Note, &gA), 0u);
     ASSERT_EQ(MOD_AddMsgProc(&stModule.stMsgProcCtrl, 6, Note, &gB), 0u);
@@ -298,6 +300,7 @@ TEST_F(ServiceProcess, ConcurrentSendersToTheOtherProcessLoseNoCount)
     for (MOD_BUF_S *p; (p = MOD_GetModuleMsg(&stOut, MOD_GET_BY_ORDER, 0)) != nullptr; ++ulQueued)
         MSG_Destroy(p);
     EXPECT_EQ(ulQueued, kThreads * kEach);
+    MOD_SetRemoteSendQueue(nullptr);  // before stOut goes
 }
 
 class ModuleThread : public ServiceProcess {
@@ -439,6 +442,59 @@ TEST_F(ModuleThread, CurrentModuleIsToldByTheThread)
     ASSERT_EQ(MOD_UnregModule(MOD_PROC_MODULE_ID), 0u);
     EXPECT_EQ(MOD_GetCurWorkModule(), nullptr);  // without a process module other threads are nobody
     EXPECT_STREQ(MOD_GetCurWrokModuleName(), "ISP");
+}
+
+// A service that restarts a module while others talk to it: one-way and synchronous senders beside
+// register/unregister rounds. Nothing hangs, and every message that a send let in reached the module's
+// thread (its handler, or the no-handler record before the handler is added); every synchronous
+// request let in ends with its ack or a failure, never a time-out.
+TEST_F(ServiceProcess, SendersBesideRestartsNeitherHangNorLoseMessages)
+{
+    ibptest::LogCapture cap(LOG_LEVEL_WRN);  // the rounds' own records are not needed
+    ASSERT_NE(Reg("ISP"), nullptr);  // the senders speak as the process module
+    constexpr int kRounds = 100;
+    std::atomic<u32> handled{0}, letIn{0}, round{0};
+    std::atomic<bool> stop{false};
+    Signal served;
+    Body answer = [&](MSG_HANDLE hMsg) {
+        if (static_cast<const MSG_HDR_S *>(hMsg->pMem)->enMsgType == MSG_TYPE_SYNC_REQ) {
+            EXPECT_EQ(MSG_SendAckMsg(hMsg, MSG_Create("ok", 2)), 0u);
+        }
+        handled++;
+        served.Post();
+    };
+    // A refused sender waits for the next round rather than filling the log.
+    auto sender = [&](bool bSync) {
+        while (!stop) {
+            const u32 ulRound = round;
+            MSG_HANDLE hReq = MSG_Create("hi", 2), hAck = nullptr;
+            bool bQueued = false;
+            u32 ulRet = bSync ? MSG_SendSyncMsgEx(MOD_ID_ISP_IMG, 0x50, hReq, 10000, &hAck, &bQueued)
+                              : MSG_SendAsyncMsg(MOD_ID_ISP_IMG, 0x50, hReq);
+            letIn += (bSync ? bQueued : ulRet == 0) ? 1 : 0;
+            MSG_Destroy(hAck);
+            if (bSync && !bQueued)
+                MSG_Destroy(hReq);
+            while (ulRet != 0 && !stop && round == ulRound)
+                std::this_thread::yield();
+        }
+    };
+    std::thread async(sender, false), sync(sender, true);
+    for (int i = 0; i < kRounds; ++i) {
+        ASSERT_NE(Reg("ISP_IMG"), nullptr);
+        ASSERT_EQ(MOD_RegMsgProc(MOD_ID_ISP_IMG, 0x50, RunBody, &answer), 0u);
+        round++;
+        for (const u32 ulEnough = handled + 20; handled < ulEnough;)
+            ASSERT_TRUE(served.Wait()) << i;
+        ASSERT_EQ(MOD_UnregModule(MOD_ID_ISP_IMG), 0u);
+    }
+    stop = true;
+    round++;
+    async.join();
+    sync.join();
+    EXPECT_EQ(handled + cap.CountPrefix("msg proc func not found"), letIn.load());
+    EXPECT_EQ(cap.CountPrefix("wait ack message timeout"), 0u);
+    EXPECT_EQ(FreeSlots(), MOD_MAX_MODULE_NUM - 1);
 }
 
 }  // namespace

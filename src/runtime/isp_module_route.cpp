@@ -1,0 +1,136 @@
+// Routing: a message whose header is filled in goes to the queue of a module
+// of this process, or to the outbound queue for the other process.
+#include "ibp/isp_module.h"
+#include "log/log_internal.h"
+#include "runtime/module_internal.h"
+#include "runtime/proc_internal.h"
+
+IBP_LOG_SOURCE("isp_module");
+
+namespace {
+
+// The outbound queue, once the transport has opened it; gbRemoteOpen is
+// guarded by its lock, so that nothing is queued after the close has freed
+// what was there.
+MOD_MSG_CTRL_S *gpstRemoteQueue;
+bool gbRemoteOpen;
+
+bool MOD_PutRemote(MOD_BUF_S *pstBuf)
+{
+    MOD_MSG_CTRL_S *pstQueue = __atomic_load_n(&gpstRemoteQueue, __ATOMIC_ACQUIRE);
+    if (pstQueue == nullptr)
+        return false;
+    MOD_SemGuard lock(&pstQueue->stLock);
+    if (!gbRemoteOpen)
+        return false;
+    MOD_ListAddTail(&pstQueue->stUsedList, &pstBuf->stNode);
+    return true;
+}
+
+// A message counted as sent and then refused; its identifier stays the last sent.
+void MOD_UncountMsg(MOD_MODULE_S *pstSrcModule)
+{
+    __atomic_fetch_sub(&pstSrcModule->ulSendMsgCount, 1u, __ATOMIC_RELAXED);
+}
+
+// A message for a module of this process: its queue, or the thread that
+// waits for it if it is a synchronous ack.
+u32 MOD_RouteLocal(MOD_MODULE_S *pstSrcModule, MOD_BUF_S *pstModBuf, const MSG_HDR_S &stHdr,
+                   MOD_ACK_WAITER_S *pstWaiter)
+{
+    MOD_MODULE_S *pstDstModule = MOD_GetModuleByID(stHdr.ulDstModuleID);
+    if (pstDstModule == nullptr) {
+        IBP_ERR("get module by id %#x fail", stHdr.ulDstModuleID);
+        return 1;
+    }
+    if (pstWaiter != nullptr)
+        MOD_AimAckWaiter(pstSrcModule, pstWaiter, pstDstModule);
+    // Counted before it is handed over, so that whoever gets the message or
+    // its answer sees it counted.
+    MOD_CountMsg(&pstSrcModule->ulSendMsgCount, &pstSrcModule->ulLastSendMsg, stHdr.ulMsgID);
+    if (stHdr.enMsgType == MSG_TYPE_SYNC_ACK) {
+        MOD_DeliverSyncAck(pstDstModule, pstModBuf);  // to the thread that waits, not the module's
+        return 0;
+    }
+    if (!MOD_MsgQueuePut(pstDstModule, stHdr.ulDstModuleID, pstModBuf)) {
+        MOD_UncountMsg(pstSrcModule);
+        IBP_ERR("module %#x is going away", stHdr.ulDstModuleID);
+        IBP_ERR("add msg %#x to module %#x fail", stHdr.ulMsgID, stHdr.ulDstModuleID);
+        return 1;
+    }
+    sem_post(&pstDstModule->stWakeSem);
+    return 0;
+}
+
+u32 MOD_RouteRemote(MOD_MODULE_S *pstSrcModule, MOD_BUF_S *pstModBuf, const MSG_HDR_S &stHdr)
+{
+    MOD_CountMsg(&pstSrcModule->ulSendMsgCount, &pstSrcModule->ulLastSendMsg, stHdr.ulMsgID);
+    if (!MOD_PutRemote(pstModBuf)) {
+        MOD_UncountMsg(pstSrcModule);
+        IBP_ERR("no transport to proc %#x, msg %#x not sent", stHdr.ulDstProcID, stHdr.ulMsgID);
+        return 1;
+    }
+    MOD_WakeProcThread();  // it sends what is on the outbound queue
+    return 0;
+}
+
+}  // namespace
+
+void MOD_SetRemoteSendQueue(MOD_MSG_CTRL_S *pstQueue)
+{
+    if (pstQueue != nullptr) {
+        {
+            MOD_SemGuard lock(&pstQueue->stLock);
+            gbRemoteOpen = true;
+        }
+        __atomic_store_n(&gpstRemoteQueue, pstQueue, __ATOMIC_RELEASE);
+        return;
+    }
+    MOD_MSG_CTRL_S *pstOld = __atomic_exchange_n(&gpstRemoteQueue, nullptr, __ATOMIC_ACQ_REL);
+    if (pstOld == nullptr)
+        return;
+    {
+        MOD_SemGuard lock(&pstOld->stLock);
+        gbRemoteOpen = false;
+    }
+    MOD_DrainQueue(pstOld);
+}
+
+u32 MOD_RouteMsg(MOD_MODULE_S *pstSrcModule, MOD_BUF_S *pstModBuf, MOD_ACK_WAITER_S *pstWaiter)
+{
+    if (pstSrcModule == nullptr) {
+        IBP_ERR("pstSrcModule is NULL");
+        return 1;
+    }
+    if (pstModBuf == nullptr) {
+        IBP_ERR("pstModBuf is NULL");
+        return 1;
+    }
+    if (pstModBuf->pMem == nullptr || pstModBuf->ulLen < MSG_HDR_LEN) {
+        IBP_ERR("buf memory addr invalid");
+        return 1;
+    }
+    // A copy: once queued, another thread may free the message at any moment.
+    const MSG_HDR_S stHdr = *static_cast<const MSG_HDR_S *>(pstModBuf->pMem);
+    const MOD_MODULE_CFG_S *pstDstCfg = MOD_GetModuleCfgByID(stHdr.ulDstModuleID);
+    if (pstDstCfg == nullptr) {
+        IBP_ERR("get dest module cfg failed! ulModuleID=%u", stHdr.ulDstModuleID);
+        return 1;
+    }
+    if (pstSrcModule->ulModuleID == MOD_PROC_MODULE_ID && pstDstCfg->ulModuleID == MOD_PROC_MODULE_ID) {
+        IBP_ERR("src module and dest module id are invalid");
+        return 1;
+    }
+    if (pstSrcModule->ulProcID == stHdr.ulDstProcID)
+        return MOD_RouteLocal(pstSrcModule, pstModBuf, stHdr, pstWaiter);
+    return MOD_RouteRemote(pstSrcModule, pstModBuf, stHdr);
+}
+
+extern "C" {
+
+IBP_API u32 MOD_SendMsgProc(MOD_MODULE_S *pstSrcModule, MOD_BUF_S *pstModBuf)
+{
+    return MOD_RouteMsg(pstSrcModule, pstModBuf, nullptr);
+}
+
+}  // extern "C"
