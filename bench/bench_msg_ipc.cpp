@@ -43,6 +43,7 @@ constexpr u16 kEchoPort = 7101;      // the bare echo of the round-trip floor
 constexpr u16 kEchoPeerPort = 7102;
 constexpr u32 kMsgCount = 0x3001;
 constexpr u32 kMsgEcho = 0x3002;
+constexpr u32 kMsgProbe = 0x3003;  // the service notes its count of kernel drops
 constexpr u32 kBodyLen = 8;  // burst number and sequence number
 constexpr u32 kDatagram = MSG_HDR_LEN + ISP_MSG_HDR_LEN + kBodyLen;
 constexpr int kSyncTrips = 120;
@@ -52,7 +53,7 @@ struct Burst {
     u32 ulSize;
     int lReps;
 };
-constexpr Burst kBursts[] = {{10000, 3}, {100000, 2}};
+constexpr Burst kBursts[] = {{10000, 3}, {100000, 5}};
 constexpr int kMaxBursts = 16;
 
 // Shared between the two processes (anonymous shared mapping made before fork).
@@ -60,6 +61,8 @@ struct Shared {
     sem_t stReady;
     sem_t stStop;
     sem_t stEchoStop;
+    sem_t stProbed;
+    std::atomic<u32> ulServiceDrops;  // the service's count of datagrams the kernel dropped
     std::atomic<u32> aulCount[kMaxBursts];
     std::atomic<u64> aulLastNs[kMaxBursts];
     std::atomic<u32> ulChildErr;
@@ -146,6 +149,7 @@ struct BurstResult {
     u32 ulSendFail;
     unsigned long ulDropped;
     unsigned long ulStuckBytes;
+    unsigned long ulServiceDrops;  // what the service counted (runtime bursts only)
 };
 
 // ------------------------------------------------------------ raw UDP floor
@@ -227,7 +231,7 @@ std::vector<BurstResult> RawFloor()
         for (int r = 0; r < b.lReps; r++, ulBurst++) {
             SockStat stBefore = ReadSockStat(kIspPort);
             u8 aucDgram[kDatagram] = {};
-            BurstResult res = {b.ulSize, 0, 0, 0, 0, 0, 0};
+            BurstResult res = {b.ulSize, 0, 0, 0, 0, 0, 0, 0};
             double t0 = bench::NowSec();
             for (u32 i = 0; i < b.ulSize; i++) {
                 memcpy(aucDgram + MSG_HDR_LEN + ISP_MSG_HDR_LEN, &ulBurst, 4);
@@ -337,6 +341,20 @@ u32 EchoProc(u32, MSG_HANDLE hMsg, void *)
     return ISP_SendAckMsg(hMsg, aucAck, sizeof(aucAck));
 }
 
+// A datagram after a burst carries the kernel's count of drops to the
+// service, which then reports what its statistics counted. A library of
+// before the statistics has no such call: weak, so that it runs there too.
+#pragma weak IBP_GetProcStat
+u32 ProbeProc(u32, MSG_HANDLE, void *)
+{
+    IBP_PROC_STAT_S stStat{};
+    if (&IBP_GetProcStat != nullptr)
+        (void)IBP_GetProcStat(&stStat);
+    gpstShared->ulServiceDrops = stStat.ulKernelDrops;
+    sem_post(&gpstShared->stProbed);
+    return 0;
+}
+
 // SO_RCVBUF of this process's UDP socket bound to port, 0 if none is found.
 u32 OwnSocketRcvbuf(u16 usPort)
 {
@@ -361,7 +379,8 @@ u32 OwnSocketRcvbuf(u16 usPort)
     u32 ulImg = 0;
     if (IBP_Init(&stInit) != 0 || MOD_RegModule("ISP_IMG", &ulImg) != 0 ||
         MOD_RegMsgProc(ulImg, kMsgCount, CountProc, nullptr) != 0 ||
-        MOD_RegMsgProc(ulImg, kMsgEcho, EchoProc, nullptr) != 0)
+        MOD_RegMsgProc(ulImg, kMsgEcho, EchoProc, nullptr) != 0 ||
+        MOD_RegMsgProc(ulImg, kMsgProbe, ProbeProc, nullptr) != 0)
         gpstShared->bChildFailed = 1;
     gpstShared->ulRuntimeRcvbuf = OwnSocketRcvbuf(kIspPort);
     sem_post(&gpstShared->stReady);
@@ -411,6 +430,21 @@ void SyncTrips(std::vector<double> *pRtt, std::vector<double> *pRawRtt, u32 *pul
     }
 }
 
+// The service's count of kernel drops after a probe, or ~0 when it did not come.
+u32 ProbeServiceDrops(ISP_MSG_S *pstReq)
+{
+    const u32 ulMsgID = pstReq->ulMsgID;
+    pstReq->ulMsgID = kMsgProbe;
+    const bool bSent = ISP_SendAsyncMsg(pstReq) == 0;
+    pstReq->ulMsgID = ulMsgID;
+    timespec stUntil{};
+    clock_gettime(CLOCK_REALTIME, &stUntil);
+    stUntil.tv_sec += 2;
+    if (!bSent || sem_timedwait(&gpstShared->stProbed, &stUntil) != 0)
+        return ~0u;
+    return gpstShared->ulServiceDrops.load();
+}
+
 std::vector<BurstResult> IbpBursts()
 {
     std::vector<BurstResult> results;
@@ -422,9 +456,10 @@ std::vector<BurstResult> IbpBursts()
     pstReq->ulBodyLen = kBodyLen;
     for (const Burst &b : kBursts) {
         for (int r = 0; r < b.lReps; r++, ulBurst++) {
+            const u32 ulServiceBefore = ProbeServiceDrops(pstReq);
             SockStat stBefore = ReadSockStat(kIspPort);
             u32 ulFailBefore = gulSendFail;
-            BurstResult res = {b.ulSize, 0, 0, 0, 0, 0, 0};
+            BurstResult res = {b.ulSize, 0, 0, 0, 0, 0, 0, 0};
             double t0 = bench::NowSec();
             for (u32 i = 0; i < b.ulSize; i++) {
                 memcpy(pstReq->aucBody, &ulBurst, 4);
@@ -439,6 +474,8 @@ std::vector<BurstResult> IbpBursts()
             res.ulSendFail += gulSendFail - ulFailBefore;
             res.ulDropped = stAfter.ulDrops - stBefore.ulDrops;
             res.ulStuckBytes = stAfter.ulRxQueue;
+            const u32 ulServiceAfter = ProbeServiceDrops(pstReq);
+            res.ulServiceDrops = (ulServiceBefore == ~0u || ulServiceAfter == ~0u) ? ~0ul : ulServiceAfter - ulServiceBefore;
             results.push_back(res);
         }
     }
@@ -480,9 +517,12 @@ void Report(const std::vector<BurstResult> &raw, const std::vector<BurstResult> 
         auto vRaw = OfSize(raw, b.ulSize), vIbp = OfSize(ibp, b.ulSize);
         double dIbp = MedianRate(vIbp), dRaw = MedianRate(vRaw);
         bool bComplete = true;
-        unsigned long ulDrop = 0, ulStuck = 0, ulFail = 0, ulMissing = 0;
+        unsigned long ulDrop = 0, ulStuck = 0, ulFail = 0, ulMissing = 0, ulCounted = 0;
+        int lWhole = 0;
         for (const BurstResult &r : vIbp) {
             bComplete = bComplete && r.ulArrived == r.ulSize;
+            lWhole += r.ulArrived == r.ulSize ? 1 : 0;
+            ulCounted += r.ulServiceDrops;
             ulMissing += r.ulSize - r.ulArrived;
             ulDrop += r.ulDropped;
             ulStuck = std::max(ulStuck, r.ulStuckBytes);
@@ -493,10 +533,12 @@ void Report(const std::vector<BurstResult> &raw, const std::vector<BurstResult> 
             ulRawMissing += r.ulSize - r.ulArrived;
         double dLossPct = 100.0 * static_cast<double>(ulMissing) / (b.ulSize * vIbp.size());
         std::string note = bench::Fmt("arrived %s of %u; missing %lu = socket drops %lu + send failures %lu + "
-                                      "left in the socket (rx_queue up to %lu B)",
-                                      Arrivals(vIbp).c_str(), b.ulSize, ulMissing, ulDrop, ulFail, ulStuck);
-        if (b.ulSize == 10000)
-            note = bench::Fmt("goal: complete every time: %s; ", bench::Verdict(bComplete)) + note;
+                                      "left in the socket (rx_queue up to %lu B); kernel drops counted by the "
+                                      "service %lu, by /proc/net/udp %lu: %s",
+                                      Arrivals(vIbp).c_str(), b.ulSize, ulMissing, ulDrop, ulFail, ulStuck, ulCounted,
+                                      ulDrop, ulCounted == ulDrop ? "equal" : "DIFFERENT");
+        note = bench::Fmt("goal: 0 lost, %zu runs of %zu: %d of %zu, %s; ", vIbp.size(), vIbp.size(), lWhole,
+                          vIbp.size(), bench::Verdict(bComplete)) + note;
         bench::Row(bench::Fmt("2 async cross-process burst %u", b.ulSize),
                    bench::Fmt("%.0f k msg/s, loss %.1f%%", dIbp / 1e3, dLossPct),
                    bench::Fmt("raw UDP %.0f k dgram/s, loss %.1f%%", dRaw / 1e3,
@@ -522,6 +564,7 @@ int main()
     sem_init(&gpstShared->stReady, 1, 0);
     sem_init(&gpstShared->stStop, 1, 0);
     sem_init(&gpstShared->stEchoStop, 1, 0);
+    sem_init(&gpstShared->stProbed, 1, 0);
 
     u32 ulDefaultBytes = 0;
     u32 ulCapacity = RcvbufCapacity(&ulDefaultBytes);
@@ -552,13 +595,13 @@ int main()
     waitpid(pid, nullptr, 0);
 
     const double dMed = bench::Median(rtt), dP99 = bench::Percentile(rtt, 99), dRaw = bench::Median(rawRtt);
-    const bool bMet = dMed <= 0.5 && dP99 <= 2.0 && dMed <= 7 * dRaw && ulSyncFailed == 0;
+    const bool bMet = dMed <= 0.5 && dP99 <= 1.0 && dMed <= 3 * dRaw && ulSyncFailed == 0;
     bench::Row("3 sync RTT cross-process min/med/p99/max",
                bench::Fmt("%.3f/%.3f/%.3f/%.3f ms", bench::Percentile(rtt, 0), dMed, dP99,
                           bench::Percentile(rtt, 100)),
                bench::Fmt("bare UDP request/reply med %.3f ms, p99 %.3f", dRaw, bench::Percentile(rawRtt, 99)),
                bench::Fmt("%.1f", dMed / dRaw),
-               bench::Fmt("goal med <=0.5 ms, p99 <=2 ms, <=7x bare: %s; %d trips each, alternating, after a random "
+               bench::Fmt("goal med <=0.5 ms, p99 <=1 ms, <=3x bare: %s; %d trips each, alternating, after a random "
                           "0-20 ms pause, %u failed", bench::Verdict(bMet), kSyncTrips, ulSyncFailed));
     Report(raw, ibp);
     std::vector<double> sendRates;

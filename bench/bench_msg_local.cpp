@@ -169,6 +169,17 @@ double AsyncRun(u32 n, bool (*pfnSend)(const void *, u32))
     return n / (bench::NowSec() - t0);
 }
 
+// The median of the runtime's async runs alone, for the cost of the
+// statistics: scripts/bench.sh runs this on the library with and without them.
+void AsyncOnly()
+{
+    AsyncRun(kAsyncN / 10, IbpSend);
+    std::vector<double> ibp;
+    for (int r = 0; r < kAsyncReps; r++)
+        ibp.push_back(AsyncRun(kAsyncN, IbpSend));
+    printf("ASYNC\t%.0f\n", bench::Median(ibp));
+}
+
 void AsyncFigure()
 {
     pthread_t hConsumer;
@@ -191,13 +202,13 @@ void AsyncFigure()
     double dIbp = bench::Median(ibp), dFloor = bench::Median(floor);
     bool bFailed = std::find(ibp.begin(), ibp.end(), 0.0) != ibp.end();
     double dRatio = dIbp / dFloor;
-    bool bMet = !bFailed && dIbp >= 1e6 && dRatio >= 0.5;
+    bool bMet = !bFailed && dIbp >= 1e6 && dRatio >= 0.8;
     // Runs are bimodal: while the consumer keeps up, every sem_post wakes it
     // (a futex call on each side per message); when it falls behind, it
     // drains batches and the posts are cheap. The spread shows which.
     bench::Row("1 async in-process MSG_SendAsyncMsg", bench::Fmt("%.2f M msg/s", dIbp / 1e6),
                bench::Fmt("bare queue %.2f M msg/s", dFloor / 1e6), bench::Fmt("%.2f", dRatio),
-               bench::Fmt("goal >=1 M/s and >=0.50: %s; median of %d x %u msgs, runs %.2f-%.2f (floor %.2f-%.2f)%s",
+               bench::Fmt("goal >=1 M/s and >=0.80: %s; median of %d x %u msgs, runs %.2f-%.2f (floor %.2f-%.2f)%s",
                           bench::Verdict(bMet), kAsyncReps, kAsyncN, bench::Percentile(ibp, 0) / 1e6,
                           bench::Percentile(ibp, 100) / 1e6, bench::Percentile(floor, 0) / 1e6,
                           bench::Percentile(floor, 100) / 1e6, bFailed ? "; a send FAILED" : ""));
@@ -275,7 +286,7 @@ void DestroyFigure(u32 ulImg)
 
 }  // namespace
 
-int main()
+int main(int argc, char **argv)
 {
     if (!bench::Isolated()) {
         fprintf(stderr, "bench_msg_local: run it through scripts/bench.sh (binds 127.0.0.1:7001)\n");
@@ -289,6 +300,11 @@ int main()
         MOD_RegMsgProc(ulImg, kMsgEcho, EchoProc, nullptr) != 0) {
         fprintf(stderr, "bench_msg_local: start-up failed: %s\n", gszFirstErr);
         return 1;
+    }
+    if (argc > 1 && strcmp(argv[1], "--async-only") == 0) {
+        AsyncOnly();
+        fflush(stdout);
+        _exit(0);
     }
     AsyncFigure();
     SyncFigure();

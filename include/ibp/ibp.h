@@ -18,6 +18,7 @@
 #include "ibp/isp_xml.h"
 #include "ibp/isp_util.h"
 #include "ibp/isp_interface.h"
+#include "ibp/isp_stat.h"
 #include "ibp/isp_bp.h"
 
 #endif /* IBP_IBP_H */

@@ -45,6 +45,21 @@ inline void MOD_ListSplice(MOD_LIST_S *pstFrom, MOD_LIST_S *pstTo)
     MOD_ListInit(pstFrom);
 }
 
+// Moves every entry of pstFrom, in order, to the tail of pstTo; pstFrom is
+// left empty.
+inline void MOD_ListAppend(MOD_LIST_S *pstFrom, MOD_LIST_S *pstTo)
+{
+    if (MOD_ListEmpty(pstFrom))
+        return;
+    MOD_LIST_S *pstFirst = pstFrom->pstNext;
+    MOD_LIST_S *pstLast = pstFrom->pstPrev;
+    pstFirst->pstPrev = pstTo->pstPrev;
+    pstTo->pstPrev->pstNext = pstFirst;
+    pstLast->pstNext = pstTo;
+    pstTo->pstPrev = pstLast;
+    MOD_ListInit(pstFrom);
+}
+
 // The record that holds `member` at `pstLink`.
 template <typename T, typename M>
 T *MOD_ListEntry(MOD_LIST_S *pstLink, M T::*member)

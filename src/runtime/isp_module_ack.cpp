@@ -12,6 +12,7 @@
 
 #include "log/log_internal.h"
 #include "runtime/mod_ratelimit.h"
+#include "runtime/mod_stat.h"
 #include "runtime/module_internal.h"
 
 IBP_LOG_SOURCE("isp_module");
@@ -86,29 +87,34 @@ void MOD_AddAckWaiter(MOD_MODULE_S *pstModule, MOD_ACK_WAITER_S *pstWaiter, u32 
     pstWaiter->ulAssMsgID = ulAssMsgID;
     pstWaiter->pstAck = nullptr;
     pstWaiter->pstDstSlot = nullptr;
+    pstWaiter->ulDstGen = 0;
     pstWaiter->bFailed = false;
     sem_init(&pstWaiter->stSem, 0, 0);
+    MOD_StatAdd(&MOD_ProcStat().ulSyncWaiting);
     MOD_SemGuard lock(&pstModule->stAckMsgCtrl.stLock);
     MOD_ListAddTail(&MOD_AckSide(pstModule).stWaiters, &pstWaiter->stNode);
     pstWaiter->bListed = true;
 }
 
-void MOD_AimAckWaiter(MOD_MODULE_S *pstModule, MOD_ACK_WAITER_S *pstWaiter, const MOD_MODULE_S *pstDstSlot)
+void MOD_AimAckWaiter(MOD_MODULE_S *pstModule, MOD_ACK_WAITER_S *pstWaiter, const MOD_MODULE_S *pstDstSlot,
+                      u32 ulGen)
 {
     MOD_SemGuard lock(&pstModule->stAckMsgCtrl.stLock);
     pstWaiter->pstDstSlot = pstDstSlot;
+    pstWaiter->ulDstGen = ulGen;
 }
 
 // Every slot's waiters are looked at, each list under its own lock, one
 // after the other: a thread of any module may wait for an answer of this one.
-void MOD_FailAckWaitersAt(const MOD_MODULE_S *pstSlot)
+void MOD_FailAckWaitersAt(const MOD_MODULE_S *pstSlot, u32 ulGen)
 {
     for (MOD_MODULE_S &stModule : gstCurProc.astModule) {
         MOD_SemGuard lock(&stModule.stAckMsgCtrl.stLock);
         MOD_LIST_S &stWaiters = MOD_AckSide(&stModule).stWaiters;
         for (MOD_LIST_S *p = stWaiters.pstNext; p != &stWaiters; p = p->pstNext) {
             MOD_ACK_WAITER_S *pstWaiter = MOD_WaiterOf(p);
-            if (pstWaiter->pstDstSlot == pstSlot && pstWaiter->pstAck == nullptr && !pstWaiter->bFailed)
+            if (pstWaiter->pstDstSlot == pstSlot && pstWaiter->ulDstGen == ulGen && pstWaiter->pstAck == nullptr &&
+                !pstWaiter->bFailed)
                 MOD_FailWaiter(pstWaiter);
         }
     }
@@ -128,6 +134,7 @@ MOD_BUF_S *MOD_DelAckWaiter(MOD_MODULE_S *pstModule, MOD_ACK_WAITER_S *pstWaiter
         }
     }
     sem_destroy(&pstWaiter->stSem);
+    MOD_StatSub(&MOD_ProcStat().ulSyncWaiting);
     return pstWaiter->pstAck;
 }
 
@@ -151,5 +158,7 @@ void MOD_DeliverSyncAck(MOD_MODULE_S *pstModule, MOD_BUF_S *pstBuf)
     }
     if (MOD_RateAdmit(MOD_RATE_KIND_E::STRAY_ACK))
         IBP_WRN("drop sync ack that no thread waits for: " MOD_MSG_HDR_FMT, MOD_MSG_HDR_ARGS(pstHdr));
+    if (MOD_IsPoolSlot(pstModule))
+        MOD_StatAdd(&MOD_SlotStat(MOD_SlotIndex(pstModule)).ulStrayAcks);
     MOD_FreeBuf(pstBuf);
 }

@@ -8,9 +8,7 @@
 // process module's queue and sends all that is queued, so steady inbound
 // traffic never holds the outbound queue back. The only timer is that of the
 // rate-limit counts, and it runs only while a count waits to be written.
-#include <netinet/in.h>
 #include <sys/epoll.h>
-#include <sys/socket.h>
 
 #include <cerrno>
 #include <cstring>
@@ -20,6 +18,7 @@
 #include "ibp/isp_system.h"
 #include "log/log_internal.h"
 #include "runtime/mod_ratelimit.h"
+#include "runtime/mod_tap.h"
 #include "runtime/module_internal.h"
 #include "runtime/proc_internal.h"
 
@@ -33,59 +32,27 @@ constexpr int kEpollEvents = 20;
 constexpr u32 kEpollErrorPauseMs = 20;
 constexpr int kPrSetName = 15;
 
-// Where a message for the other process goes: the port of its row, or, for a
-// row without a port, the peer that the header names.
-void MOD_DestOf(const MSG_HDR_S *pstHdr, const MOD_PROC_CFG_S *pstCfg, struct sockaddr_in *pstAddr)
-{
-    memset(pstAddr, 0, sizeof(*pstAddr));
-    pstAddr->sin_family = AF_INET;
-    if (pstCfg->usSocketPort != 0) {
-        pstAddr->sin_addr.s_addr = ISP_inet_addr(pstCfg->szSocketAddr);
-        pstAddr->sin_port = ISP_htons(pstCfg->usSocketPort);
-    } else {
-        pstAddr->sin_addr.s_addr = pstHdr->ulPeerAddr;
-        pstAddr->sin_port = pstHdr->usPeerPort;
-    }
-}
-
-// Sends one message of the outbound queue and frees it; false when the
-// drain is to stop for this pass.
-bool MOD_SendOne(MOD_BUF_S *pstBuf)
-{
-    if (pstBuf->pMem == nullptr) {
-        IBP_ERR("buf memory addr invalid");
-        MOD_FreeBuf(pstBuf);
-        return false;
-    }
-    const auto *pstHdr = static_cast<const MSG_HDR_S *>(pstBuf->pMem);
-    const MOD_PROC_CFG_S *pstCfg = MOD_GetProcCfgByID(pstHdr->ulDstProcID);
-    if (pstCfg == nullptr) {
-        IBP_ERR("get proc cfg info by id %#x fail", pstHdr->ulDstProcID);
-        MOD_FreeBuf(pstBuf);
-        return false;
-    }
-    s32 lSocket = SKT_GetSocketFD(gstCurProc.hSendSocket);
-    if (lSocket == -1) {
-        IBP_ERR("get socket fd fail!");
-        MOD_FreeBuf(pstBuf);
-        return false;
-    }
-    struct sockaddr_in stAddr;
-    MOD_DestOf(pstHdr, pstCfg, &stAddr);
-    ssize_t lSent = ISP_sendto(lSocket, pstBuf->pMem, pstBuf->ulLen, 0,
-                               reinterpret_cast<const struct sockaddr *>(&stAddr), sizeof(stAddr));
-    if (lSent < 0 || static_cast<u32>(lSent) != pstBuf->ulLen)
-        IBP_ERR("send msg to ip addr %s failed!", pstCfg->szSocketAddr);
-    MOD_FreeBuf(pstBuf);
-    return true;
-}
-
+// Sends what the outbound queue holds, in batches; what a message that
+// cannot be sent at all left behind waits for the next pass, which comes at once.
 void MOD_SendSocketMsgProc()
 {
-    while (MOD_BUF_S *pstBuf = MOD_GetModuleMsg(&gstCurProc.stSendMsgCtrl, MOD_GET_BY_ORDER, 0)) {
-        if (!MOD_SendOne(pstBuf))
-            return;
-    }
+    MOD_LIST_S stOut;
+    if (!MOD_TakeRemoteQueue(&stOut))
+        return;
+    const bool bAll = MOD_SendList(&stOut);
+    MOD_RemoteSent(&stOut);
+    if (!bAll)
+        MOD_WakeProcThread();
+}
+
+// The sooner of the two timers, in milliseconds for epoll_wait; -1: none.
+int MOD_NextTimeout()
+{
+    const int lRate = MOD_RateFlush();
+    const int lTap = MOD_TapExpire();
+    if (lRate < 0)
+        return lTap;
+    return (lTap < 0 || lRate < lTap) ? lRate : lTap;
 }
 
 }  // namespace
@@ -108,8 +75,9 @@ void *MOD_ProcThreadProc(void *pvModule)
     const s32 lWakeFd = MOD_WakeFd();
     while (MOD_IsRunning(pstModule)) {
         struct epoll_event astEvents[kEpollEvents];
-        // No tick: asleep until the socket, a wake-up, or a due rate-limit count.
-        int lNum = epoll_wait(gstCurProc.lEpollFd, astEvents, kEpollEvents, MOD_RateFlush());
+        // No tick: asleep until the socket, a wake-up, a due rate-limit count
+        // or the end of a monitor's lease.
+        int lNum = epoll_wait(gstCurProc.lEpollFd, astEvents, kEpollEvents, MOD_NextTimeout());
         if (lNum < 0) {
             int err = errno;
             IBP_ERR("epoll_wait error! errno=%d, %s", err, strerror(err));

@@ -5,6 +5,7 @@
 #include "ibp/isp_module.h"
 #include "ibp/isp_system.h"
 #include "log/log_internal.h"
+#include "runtime/mod_stat.h"
 #include "runtime/module_internal.h"
 
 IBP_LOG_SOURCE("isp_module");
@@ -25,18 +26,14 @@ MOD_MSG_PROC_S *MOD_FindEntryLocked(MOD_MSG_PROC_CTRL_S *pstCtrl, u32 ulMsgID, b
     return nullptr;
 }
 
-// Takes the oldest message off a module's ordinary queue and hands it to its
-// handler. False when the queue is empty.
-bool MOD_DeliverOne(MOD_MODULE_S *pstModule, bool *pbBadBuf)
+// Hands one message of the module's queue to its handler; false, with the
+// message freed, for a buffer that holds no message.
+bool MOD_DeliverOne(MOD_MODULE_S *pstModule, MOD_BUF_S *pstBuf, MOD_SLOT_STAT_S *pstStat)
 {
-    MOD_BUF_S *pstBuf = MOD_GetModuleMsg(&pstModule->stMsgCtrl, MOD_GET_BY_ORDER, 0);
-    if (pstBuf == nullptr)
-        return false;
     // A block too short for a header is as unusable as none.
     if (pstBuf->pMem == nullptr || pstBuf->ulLen < MSG_HDR_LEN) {
         IBP_ERR("buf memory addr invalid");
         MOD_FreeBuf(pstBuf);
-        *pbBadBuf = true;
         return false;
     }
     // The records use a copy: the handler may change the message.
@@ -47,10 +44,14 @@ bool MOD_DeliverOne(MOD_MODULE_S *pstModule, bool *pbBadBuf)
     MOD_MSG_PROC_COPY_S stProc{};
     if (!MOD_FindMsgProc(&pstModule->stMsgProcCtrl, stHdr.ulMsgID, &stProc) || stProc.pfnMsgProc == nullptr) {
         IBP_WRN("msg proc func not found: " MOD_MSG_HDR_FMT, MOD_MSG_HDR_ARGS(&stHdr));
+        if (pstStat != nullptr)
+            MOD_StatInc(&pstStat->ulNoHandler);
     } else {
         IBP_DBG("proc msg: " MOD_MSG_HDR_FMT, MOD_MSG_HDR_ARGS(&stHdr));
         stProc.pfnMsgProc(stHdr.ulMsgID, pstBuf, stProc.pParam);
         IBP_DBG("proc msg: id=%#x assId=%#x DONE!!!", stHdr.ulMsgID, stHdr.ulAssMsgID);
+        if (pstStat != nullptr)
+            MOD_StatInc(&pstStat->ulHandled);
     }
     MOD_FreeBuf(pstBuf);
     return true;
@@ -169,16 +170,35 @@ IBP_API MOD_MSG_PROC_S *MOD_GetMsgProc(MOD_MSG_PROC_CTRL_S *pstCtrl, u32 ulMsgID
     return MOD_FindEntryLocked(pstCtrl, ulMsgID, false);
 }
 
+// The whole queue is taken at once: one lock for a burst instead of one per
+// message. A handler's time is measured from the end of the one before it
+// in the same batch, which adds the free of a message and costs one clock
+// reading per message.
 IBP_API u32 MOD_RecvMsgProc(MOD_MODULE_S *pstModule)
 {
     if (pstModule == nullptr) {
         IBP_ERR("pstModule is NULL");
         return 1;
     }
-    bool bBadBuf = false;
-    while (MOD_DeliverOne(pstModule, &bBadBuf)) {
+    MOD_SLOT_STAT_S *pstStat = MOD_IsPoolSlot(pstModule) ? &MOD_SlotStat(MOD_SlotIndex(pstModule)) : nullptr;
+    MOD_LIST_S stBatch;
+    while (MOD_MsgQueueTakeAll(pstModule, &stBatch) != 0) {
+        u64 ullPrev = MOD_StatNowNs();
+        while (!MOD_ListEmpty(&stBatch)) {
+            MOD_BUF_S *pstBuf = MOD_ListEntry(stBatch.pstNext, &MOD_BUF_S::stNode);
+            MOD_ListDel(&pstBuf->stNode);
+            if (!MOD_DeliverOne(pstModule, pstBuf, pstStat)) {
+                MOD_MsgQueuePutBack(pstModule, &stBatch);
+                return 1;
+            }
+            if (pstStat != nullptr) {
+                const u64 ullNow = MOD_StatNowNs();
+                MOD_StatHandlerRun(*pstStat, ullNow - ullPrev);
+                ullPrev = ullNow;
+            }
+        }
     }
-    return bBadBuf ? 1 : 0;
+    return 0;
 }
 
 }  // extern "C"

@@ -5,6 +5,7 @@
 #include "ibp/isp_module.h"
 #include "ibp/isp_system.h"
 #include "log/log_internal.h"
+#include "runtime/mod_stat.h"
 #include "runtime/module_internal.h"
 #include "runtime/proc_internal.h"
 
@@ -37,6 +38,13 @@ std::array<MOD_SLOT_THR_S, MOD_MAX_MODULE_NUM> gastSlotThr;
 ISP_THR_ENTRY_PFN gpfnProcThreadEntry;
 // Set once the pool has been set up; the list heads are not valid before.
 bool gbPoolReady;
+// Look-ups without the pool's lock: per row of the module table, the newest
+// registered slot of that row's module, or null. Rewritten under the pool's
+// lock whenever the in-use list changes; read with one atomic load, so that
+// a sender does not take the pool's lock for every message.
+std::array<MOD_MODULE_S *, MOD_MODULE_CFG_NUM> gapstNewest;
+// The slot whose thread this is, for a module thread; null elsewhere.
+__thread MOD_MODULE_S *gpstOwnSlot __attribute__((tls_model("initial-exec")));
 
 MOD_SLOT_THR_S &MOD_SlotThr(const MOD_MODULE_S *pstModule) { return gastSlotThr[MOD_SlotIndex(pstModule)]; }
 
@@ -59,6 +67,34 @@ MOD_MODULE_S *MOD_FindInUse(Pred pred)
             return pstModule;
     }
     return nullptr;
+}
+
+// The row of the module table that ulModuleID names in this process, or -1;
+// the rule of MOD_GetModuleCfgByID, without its record.
+int MOD_RowOf(u32 ulModuleID)
+{
+    const u32 ulCurProcID = gstCurProc.ulProcID;
+    for (u32 i = 0; i < MOD_MODULE_CFG_NUM; i++) {
+        const MOD_MODULE_CFG_S &stRow = gastModuleCfgInfo[i];
+        if (stRow.ulModuleID == ulModuleID && (ulModuleID != MOD_PROC_MODULE_ID || stRow.ulProcID == ulCurProcID))
+            return static_cast<int>(i);
+    }
+    return -1;
+}
+
+// Under the pool's lock, after the in-use list changed for ulModuleID.
+void MOD_RefreshNewest(u32 ulModuleID)
+{
+    const int lRow = MOD_RowOf(ulModuleID);
+    if (lRow < 0)
+        return;
+    MOD_MODULE_CTRL_S &stCtrl = gstCurProc.stModuleCtrl;
+    MOD_MODULE_S *pstNewest = nullptr;
+    for (MOD_LIST_S *p = stCtrl.stUsedList.pstNext; p != &stCtrl.stUsedList && pstNewest == nullptr; p = p->pstNext) {
+        if (MOD_ModuleOf(p)->ulModuleID == ulModuleID)
+            pstNewest = MOD_ModuleOf(p);
+    }
+    __atomic_store_n(&gapstNewest[static_cast<size_t>(lRow)], pstNewest, __ATOMIC_RELEASE);
 }
 
 bool MOD_PoolFull()
@@ -88,10 +124,12 @@ void MOD_ReleaseSlot(MOD_MODULE_S *pstModule, bool bListed)
     if (bListed) {
         MOD_SemGuard lock(&stCtrl.stLock);
         MOD_ListDel(&pstModule->stNode);
+        MOD_RefreshNewest(pstModule->ulModuleID);
     }
-    MOD_MsgQueueClose(pstModule);
+    const u32 ulGen = MOD_MsgQueueGen(pstModule);
+    MOD_StatAdd(&MOD_SlotStat(MOD_SlotIndex(pstModule)).ulDrained, MOD_MsgQueueClose(pstModule));
     MOD_AckQueueClose(pstModule);
-    MOD_FailAckWaitersAt(pstModule);
+    MOD_FailAckWaitersAt(pstModule, ulGen);
     pstModule->bUsed = 0;
     MOD_SemGuard lock(&stCtrl.stLock);
     MOD_ListPushFront(&stCtrl.stFreeList, &pstModule->stNode);
@@ -105,7 +143,9 @@ void *MOD_ThreadMain(void *pvModule)
     auto *pstModule = static_cast<MOD_MODULE_S *>(pvModule);
     MOD_SLOT_THR_S &stThr = MOD_SlotThr(pstModule);
     MOD_SemWait(&stThr.stStartSem);
+    gpstOwnSlot = pstModule;
     stThr.pfnEntry(pstModule);
+    gpstOwnSlot = nullptr;
 
     u32 ulState = kThrRunning;
     if (__atomic_compare_exchange_n(&stThr.ulEndState, &ulState, kThrEnded, false, __ATOMIC_ACQ_REL,
@@ -177,6 +217,7 @@ void MOD_FillSlot(MOD_MODULE_S *pstModule, const MOD_MODULE_CFG_S *pstCfg)
     ISP_memset(pstModule->szModuleName, 0, sizeof(pstModule->szModuleName));
     ISP_strncpy(pstModule->szModuleName, pstCfg->szModuleName, sizeof(pstModule->szModuleName) - 1);
     MOD_InitMsgProcTable(pstModule);
+    MOD_StatResetSlot(MOD_SlotIndex(pstModule), __atomic_load_n(&pstModule->ulSendMsgCount, __ATOMIC_RELAXED));
     MOD_MsgQueueOpen(pstModule);
     MOD_AckQueueOpen(pstModule);
     __atomic_store_n(&pstModule->bRun, 1u, __ATOMIC_RELEASE);
@@ -204,6 +245,7 @@ bool MOD_StartThread(MOD_MODULE_S *pstModule)
         MOD_SemGuard lock(&gstCurProc.stModuleCtrl.stLock);
         pstModule->hThread = hThread;
         MOD_ListPushFront(&gstCurProc.stModuleCtrl.stUsedList, &pstModule->stNode);
+        MOD_RefreshNewest(pstModule->ulModuleID);
     }
     sem_post(&stThr.stStartSem);
     return true;
@@ -234,6 +276,8 @@ bool MOD_InitModulePool(ISP_THR_ENTRY_PFN pfnProcThread)
         return false;
     }
     gpfnProcThreadEntry = pfnProcThread;
+    for (MOD_MODULE_S *&pstNewest : gapstNewest)
+        __atomic_store_n(&pstNewest, nullptr, __ATOMIC_RELEASE);
     MOD_InitListCtrl(&stCtrl, MOD_MAX_MODULE_NUM);
     for (MOD_MODULE_S &stModule : gstCurProc.astModule) {
         MOD_SetUpSlot(&stModule);
@@ -277,19 +321,19 @@ extern "C" {
 
 IBP_API MOD_MODULE_S *MOD_GetModuleByID(u32 ulModuleID)
 {
-    return MOD_FindInUse([&](const MOD_MODULE_S *pstModule) { return pstModule->ulModuleID == ulModuleID; });
+    if (!MOD_PoolReady())
+        return nullptr;
+    const int lRow = MOD_RowOf(ulModuleID);
+    return lRow < 0 ? nullptr : __atomic_load_n(&gapstNewest[static_cast<size_t>(lRow)], __ATOMIC_ACQUIRE);
 }
 
+// A module's thread speaks as its module for as long as it runs, and its
+// slot stays listed that long; any other thread speaks as the process module.
 IBP_API MOD_MODULE_S *MOD_GetCurWorkModule(void)
 {
-    const pthread_t hSelf = ISP_thr_self();
-    MOD_MODULE_S *pstProcModule = nullptr;
-    MOD_MODULE_S *pstModule = MOD_FindInUse([&](MOD_MODULE_S *pstSlot) {
-        if (pstProcModule == nullptr && pstSlot->ulModuleID == MOD_PROC_MODULE_ID)
-            pstProcModule = pstSlot;
-        return ISP_thr_equal(pstSlot->hThread, hSelf) != 0;
-    });
-    return pstModule != nullptr ? pstModule : pstProcModule;
+    if (gpstOwnSlot != nullptr)
+        return gpstOwnSlot;
+    return MOD_GetModuleByID(MOD_PROC_MODULE_ID);
 }
 
 IBP_API const char *MOD_GetCurWrokModuleName(void)

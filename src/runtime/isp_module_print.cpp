@@ -1,12 +1,87 @@
 // The state of the runtime as text: the registered modules with their
-// counters, the module table and the process table. They are display
-// functions of the command service and run on its thread.
+// counters, the module table and the process table, and the statistics. They
+// are display functions of the command service and run on its thread; the
+// statistics are also handed out as records.
 #include "common/cmd_display.h"
 #include "ibp/isp_module.h"
 #include "log/log_internal.h"
+#include "runtime/mod_stat.h"
 #include "runtime/module_internal.h"
 
 IBP_LOG_SOURCE("isp_module");
+
+namespace {
+
+// Fixed columns, one row per module, for people and for scripts alike.
+constexpr const char kStatHead[] = "%-12s %-10s %10s %10s %10s %10s %10s %10s %10s %10s %10s %10s %10s %10s %10s\n";
+constexpr const char kStatRow[] = "%-12s %#-10x %10u %10u %10u %10u %10u %10u %10u %10u %10u %10u %10u %10u %10u\n";
+
+void MOD_AppendModuleStat(const MOD_MODULE_S *pstSlot, void *pUser)
+{
+    IBP_MODULE_STAT_S st;
+    MOD_StatFillModule(pstSlot, MOD_SlotIndex(pstSlot), &st);
+    static_cast<CmdDisplay *>(pUser)->Append(kStatRow, st.szModuleName, st.ulModuleID, st.ulRecvMsgs,
+                                             st.ulHandledMsgs, st.ulSentMsgs, st.ulNoHandler, st.ulRefused,
+                                             st.ulDrained, st.ulStrayAcks, st.ulQueueDepth, st.ulQueueHigh,
+                                             st.ulHandlerRuns, st.ulHandlerP50Us, st.ulHandlerP99Us,
+                                             st.ulHandlerMaxUs);
+}
+
+}  // namespace
+
+u32 MOD_PrintModuleStat(u32 *pulOutBufLen, char *pcOutBuf)
+{
+    CMD_DISPLAY_CHECK_ARGS(pulOutBufLen, pcOutBuf);
+    CmdDisplay stOut(pcOutBuf, *pulOutBufLen);
+    stOut.Append(kStatHead, "ModuleName", "ModuleID", "Recv", "Handled", "Sent", "NoHandler", "Refused", "Drained",
+                 "StrayAck", "Depth", "HighWater", "Runs", "P50us", "P99us", "MaxUs");
+    MOD_ForEachInUse(MOD_AppendModuleStat, &stOut);
+    *pulOutBufLen = stOut.Length();
+    return 0;
+}
+
+u32 MOD_PrintProcStat(u32 *pulOutBufLen, char *pcOutBuf)
+{
+    CMD_DISPLAY_CHECK_ARGS(pulOutBufLen, pcOutBuf);
+    IBP_PROC_STAT_S st;
+    MOD_StatFillProc(&st);
+    CmdDisplay stOut(pcOutBuf, *pulOutBufLen);
+    const struct {
+        const char *pcName;
+        unsigned long long ullValue;
+    } astRows[] = {
+        {"DatagramsIn", st.ulDatagramsIn},
+        {"BytesIn", st.ullBytesIn},
+        {"DatagramsOut", st.ulDatagramsOut},
+        {"BytesOut", st.ullBytesOut},
+        {"SendFailures", st.ulSendFailures},
+        {"KernelDrops", st.ulKernelDrops},
+        {"BadHeader", st.aulBadInput[IBP_BAD_HEADER]},
+        {"BadLength", st.aulBadInput[IBP_BAD_LENGTH]},
+        {"NoDestModule", st.aulBadInput[IBP_BAD_NO_DEST]},
+        {"RecvBufFull", st.aulBadInput[IBP_BAD_BUF_FULL]},
+        {"Unfinished", st.aulBadInput[IBP_BAD_UNFINISHED]},
+        {"ForeignAcks", st.aulBadInput[IBP_BAD_FOREIGN_ACK]},
+        {"StrayAcks", st.ulStrayAcks},
+        {"SyncWaiting", st.ulSyncWaiting},
+        {"SyncTimedOut", st.ulSyncTimedOut},
+        {"SyncFailed", st.ulSyncFailed},
+        {"MonitorShown", st.ulMonitorShown},
+        {"MonitorLost", st.ulMonitorLost},
+    };
+    for (const auto &stRow : astRows)
+        stOut.Append("%-16s %llu\n", stRow.pcName, stRow.ullValue);
+    *pulOutBufLen = stOut.Length();
+    return 0;
+}
+
+u32 MOD_ClearStatCmd(u32 *pulOutBufLen, char *pcOutBuf)
+{
+    CMD_DISPLAY_CHECK_ARGS(pulOutBufLen, pcOutBuf);
+    IBP_ClearStat();
+    *pulOutBufLen = 0;  // answered "operate success"
+    return 0;
+}
 
 extern "C" {
 
@@ -54,6 +129,39 @@ IBP_API u32 MOD_PrintProcCfg(u32 *pulOutBufLen, char *pcOutBuf)
                      stRow.usSocketPort);
     *pulOutBufLen = stOut.Length();
     return 0;
+}
+
+IBP_API u32 IBP_GetModuleStat(u32 ulModuleID, IBP_MODULE_STAT_S *pstStat)
+{
+    if (pstStat == nullptr) {
+        IBP_ERR("pstStat is NULL");
+        return 1;
+    }
+    const MOD_MODULE_S *pstSlot = MOD_GetModuleByID(ulModuleID);
+    if (pstSlot == nullptr) {
+        IBP_ERR("get module by id %#x fail", ulModuleID);
+        return 1;
+    }
+    MOD_StatFillModule(pstSlot, MOD_SlotIndex(pstSlot), pstStat);
+    return 0;
+}
+
+IBP_API u32 IBP_GetProcStat(IBP_PROC_STAT_S *pstStat)
+{
+    if (pstStat == nullptr) {
+        IBP_ERR("pstStat is NULL");
+        return 1;
+    }
+    MOD_StatFillProc(pstStat);
+    return 0;
+}
+
+IBP_API void IBP_ClearStat(void)
+{
+    u32 aulSent[MOD_MAX_MODULE_NUM];
+    for (u32 i = 0; i < MOD_MAX_MODULE_NUM; i++)
+        aulSent[i] = __atomic_load_n(&gstCurProc.astModule[i].ulSendMsgCount, __ATOMIC_RELAXED);
+    MOD_StatClearAll(aulSent);
 }
 
 }  // extern "C"

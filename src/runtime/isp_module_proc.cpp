@@ -14,6 +14,7 @@
 #include "ibp/isp_system.h"
 #include "log/log_internal.h"
 #include "runtime/mod_ratelimit.h"
+#include "runtime/mod_stat.h"
 #include "runtime/module_internal.h"
 #include "runtime/proc_internal.h"
 
@@ -32,9 +33,12 @@ constexpr u32 kCmdSuffixMax = 63;
 
 bool gbSysRunning = false;
 
-// Best effort: the socket works with the system's sizes as well.
-void MOD_GrowSocketBuffers(s32 lSocket)
+// Best effort: the socket works with the system's sizes as well, and
+// without the count of the datagrams the kernel dropped.
+void MOD_TuneSocket(s32 lSocket)
 {
+    int lOn = 1;
+    (void)ISP_setsockopt(lSocket, SOL_SOCKET, SO_RXQ_OVFL, &lOn, sizeof(lOn));
     int lBytes = kSocketBufBytes;
     if (ISP_setsockopt(lSocket, SOL_SOCKET, SO_RCVBUFFORCE, &lBytes, sizeof(lBytes)) != 0)
         (void)ISP_setsockopt(lSocket, SOL_SOCKET, SO_RCVBUF, &lBytes, sizeof(lBytes));
@@ -67,7 +71,7 @@ u32 MOD_AddToEpoll(MOD_PROC_S *pstProc, s32 lSocket)
         IBP_ERR("create epoll failed! error=%d,%s", err, strerror(err));
         return 1;
     }
-    MOD_GrowSocketBuffers(lSocket);
+    MOD_TuneSocket(lSocket);
     struct epoll_event stEvent;
     memset(&stEvent, 0, sizeof(stEvent));
     stEvent.events = kSocketEvents;
@@ -154,6 +158,7 @@ u32 MOD_InitProc(const char *pcProcName, u32 ulProcID)
 {
     MOD_PROC_S *pstProc = &gstCurProc;
     MOD_RecvReset();
+    MOD_StatResetProc();
     memset(pstProc->szProcName, 0, sizeof(pstProc->szProcName));
     ISP_strncpy(pstProc->szProcName, pcProcName, MOD_NAME_LEN - 1);
     pstProc->ulProcID = ulProcID;

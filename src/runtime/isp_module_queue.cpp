@@ -7,6 +7,7 @@
 #include "ibp/isp_module.h"
 #include "ibp/isp_system.h"
 #include "log/log_internal.h"
+#include "runtime/mod_stat.h"
 #include "runtime/module_internal.h"
 
 IBP_LOG_SOURCE("isp_module");
@@ -16,9 +17,13 @@ namespace {
 // Per slot, guarded by its stMsgCtrl.stLock: the module identifier the
 // ordinary queue takes messages for, 0 while the slot is free or going.
 std::array<u32, MOD_MAX_MODULE_NUM> gaulMsgGate;
+// Per slot: how many times its queue was opened, so that a sender can tell
+// the module it aimed at from a later registration in the same slot.
+std::array<u32, MOD_MAX_MODULE_NUM> gaulMsgGen;
 
-// Frees the messages of a list that no queue holds any more.
-void MOD_FreeList(MOD_LIST_S *pstList)
+}  // namespace
+
+void MOD_DrainList(MOD_LIST_S *pstList)
 {
     while (!MOD_ListEmpty(pstList)) {
         MOD_BUF_S *pstBuf = MOD_ListEntry(pstList->pstNext, &MOD_BUF_S::stNode);
@@ -26,8 +31,6 @@ void MOD_FreeList(MOD_LIST_S *pstList)
         MOD_FreeBuf(pstBuf);
     }
 }
-
-}  // namespace
 
 // The semaphore knows only wall-clock deadlines (sem_clockwait would do, but
 // the thread sanitizer does not see it as a wait); the budget is kept on the
@@ -82,7 +85,7 @@ void MOD_DrainQueue(MOD_MSG_CTRL_S *pstQueue)
         MOD_SemGuard lock(&pstQueue->stLock);
         MOD_ListSplice(&pstQueue->stUsedList, &stLeft);
     }
-    MOD_FreeList(&stLeft);
+    MOD_DrainList(&stLeft);
 }
 
 void MOD_MsgQueueSetUp(MOD_MODULE_S *pstSlot)
@@ -96,6 +99,12 @@ void MOD_MsgQueueOpen(MOD_MODULE_S *pstSlot)
     MOD_SemGuard lock(&pstSlot->stMsgCtrl.stLock);
     MOD_ResetListCtrl(&pstSlot->stMsgCtrl, MOD_NOMINAL_MAX_NUM);
     gaulMsgGate[MOD_SlotIndex(pstSlot)] = pstSlot->ulModuleID;
+    __atomic_store_n(&gaulMsgGen[MOD_SlotIndex(pstSlot)], gaulMsgGen[MOD_SlotIndex(pstSlot)] + 1, __ATOMIC_RELAXED);
+}
+
+u32 MOD_MsgQueueGen(const MOD_MODULE_S *pstSlot)
+{
+    return __atomic_load_n(&gaulMsgGen[MOD_SlotIndex(pstSlot)], __ATOMIC_RELAXED);
 }
 
 void MOD_MsgQueueShut(MOD_MODULE_S *pstSlot)
@@ -104,24 +113,56 @@ void MOD_MsgQueueShut(MOD_MODULE_S *pstSlot)
     gaulMsgGate[MOD_SlotIndex(pstSlot)] = 0;
 }
 
-void MOD_MsgQueueClose(MOD_MODULE_S *pstSlot)
+u32 MOD_MsgQueueClose(MOD_MODULE_S *pstSlot)
 {
-    MOD_LIST_S stLeft;
     {
         MOD_SemGuard lock(&pstSlot->stMsgCtrl.stLock);
         gaulMsgGate[MOD_SlotIndex(pstSlot)] = 0;
-        MOD_ListSplice(&pstSlot->stMsgCtrl.stUsedList, &stLeft);
     }
-    MOD_FreeList(&stLeft);
+    MOD_LIST_S stLeft;
+    const u32 ulFreed = MOD_MsgQueueTakeAll(pstSlot, &stLeft);
+    MOD_DrainList(&stLeft);
+    return ulFreed;
 }
 
-bool MOD_MsgQueuePut(MOD_MODULE_S *pstSlot, u32 ulModuleID, MOD_BUF_S *pstBuf)
+MOD_PUT_E MOD_MsgQueuePut(MOD_MODULE_S *pstSlot, u32 ulModuleID, MOD_BUF_S *pstBuf, u32 ulGen)
 {
+    const size_t ulSlot = MOD_SlotIndex(pstSlot);
     MOD_SemGuard lock(&pstSlot->stMsgCtrl.stLock);
-    if (gaulMsgGate[MOD_SlotIndex(pstSlot)] != ulModuleID)
-        return false;
-    MOD_ListAddTail(&pstSlot->stMsgCtrl.stUsedList, &pstBuf->stNode);
-    return true;
+    if (gaulMsgGate[ulSlot] != ulModuleID || (ulGen != 0 && gaulMsgGen[ulSlot] != ulGen))
+        return MOD_PUT_E::kRefused;
+    MOD_LIST_S &stQueue = pstSlot->stMsgCtrl.stUsedList;
+    const bool bWasEmpty = MOD_ListEmpty(&stQueue);
+    MOD_ListAddTail(&stQueue, &pstBuf->stNode);
+    MOD_StatQueued(MOD_SlotStat(ulSlot));
+    return bWasEmpty ? MOD_PUT_E::kFirst : MOD_PUT_E::kBehind;
+}
+
+u32 MOD_MsgQueueTakeAll(MOD_MODULE_S *pstModule, MOD_LIST_S *pstOut)
+{
+    MOD_SemGuard lock(&pstModule->stMsgCtrl.stLock);
+    MOD_ListSplice(&pstModule->stMsgCtrl.stUsedList, pstOut);
+    u32 ulNum = 0;
+    for (MOD_LIST_S *p = pstOut->pstNext; p != pstOut; p = p->pstNext)
+        ulNum++;
+    if (MOD_IsPoolSlot(pstModule))
+        MOD_StatTaken(MOD_SlotStat(MOD_SlotIndex(pstModule)), ulNum);
+    return ulNum;
+}
+
+void MOD_MsgQueuePutBack(MOD_MODULE_S *pstModule, MOD_LIST_S *pstRest)
+{
+    if (MOD_ListEmpty(pstRest))
+        return;
+    u32 ulNum = 0;
+    for (MOD_LIST_S *p = pstRest->pstNext; p != pstRest; p = p->pstNext)
+        ulNum++;
+    MOD_SemGuard lock(&pstModule->stMsgCtrl.stLock);
+    // In front of what came meanwhile: the rest is older.
+    MOD_ListAppend(&pstModule->stMsgCtrl.stUsedList, pstRest);
+    MOD_ListSplice(pstRest, &pstModule->stMsgCtrl.stUsedList);
+    if (MOD_IsPoolSlot(pstModule))
+        MOD_StatTaken(MOD_SlotStat(MOD_SlotIndex(pstModule)), 0u - ulNum);
 }
 
 extern "C" {

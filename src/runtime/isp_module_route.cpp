@@ -2,6 +2,8 @@
 // of this process, or to the outbound queue for the other process.
 #include "ibp/isp_module.h"
 #include "log/log_internal.h"
+#include "runtime/mod_stat.h"
+#include "runtime/mod_tap.h"
 #include "runtime/module_internal.h"
 #include "runtime/proc_internal.h"
 
@@ -9,22 +11,31 @@ IBP_LOG_SOURCE("isp_module");
 
 namespace {
 
-// The outbound queue, once the transport has opened it; gbRemoteOpen is
-// guarded by its lock, so that nothing is queued after the close has freed
-// what was there.
+// The outbound queue, once the transport has opened it. Its lock guards
+// gbRemoteOpen and gbRemoteInFlight: whether the process thread has taken
+// messages off the queue that it has not sent yet.
 MOD_MSG_CTRL_S *gpstRemoteQueue;
 bool gbRemoteOpen;
+bool gbRemoteInFlight;
 
-bool MOD_PutRemote(MOD_BUF_S *pstBuf)
+enum class MOD_REMOTE_E { kClosed, kQueued, kSendNow };
+
+// A message goes out at once from the sending thread when nothing waits on
+// the outbound queue or is on its way from it: what one thread sends then
+// still arrives in the order it was sent, and the hand-off to the process
+// thread is saved. Otherwise it queues behind the others.
+MOD_REMOTE_E MOD_PutRemote(MOD_BUF_S *pstBuf)
 {
     MOD_MSG_CTRL_S *pstQueue = __atomic_load_n(&gpstRemoteQueue, __ATOMIC_ACQUIRE);
     if (pstQueue == nullptr)
-        return false;
+        return MOD_REMOTE_E::kClosed;
     MOD_SemGuard lock(&pstQueue->stLock);
     if (!gbRemoteOpen)
-        return false;
+        return MOD_REMOTE_E::kClosed;
+    if (!gbRemoteInFlight && MOD_ListEmpty(&pstQueue->stUsedList))
+        return MOD_REMOTE_E::kSendNow;
     MOD_ListAddTail(&pstQueue->stUsedList, &pstBuf->stNode);
-    return true;
+    return MOD_REMOTE_E::kQueued;
 }
 
 // A message counted as sent and then refused; its identifier stays the last sent.
@@ -43,34 +54,49 @@ u32 MOD_RouteLocal(MOD_MODULE_S *pstSrcModule, MOD_BUF_S *pstModBuf, const MSG_H
         IBP_ERR("get module by id %#x fail", stHdr.ulDstModuleID);
         return 1;
     }
+    // A synchronous request goes only to the registration its waiter is aimed
+    // at; a one-way message may land in a later one of the same module.
+    const u32 ulGen = pstWaiter != nullptr ? MOD_MsgQueueGen(pstDstModule) : 0;
     if (pstWaiter != nullptr)
-        MOD_AimAckWaiter(pstSrcModule, pstWaiter, pstDstModule);
+        MOD_AimAckWaiter(pstSrcModule, pstWaiter, pstDstModule, ulGen);
     // Counted before it is handed over, so that whoever gets the message or
     // its answer sees it counted.
     MOD_CountMsg(&pstSrcModule->ulSendMsgCount, &pstSrcModule->ulLastSendMsg, stHdr.ulMsgID);
+    MOD_Tap(stHdr);
     if (stHdr.enMsgType == MSG_TYPE_SYNC_ACK) {
         MOD_DeliverSyncAck(pstDstModule, pstModBuf);  // to the thread that waits, not the module's
         return 0;
     }
-    if (!MOD_MsgQueuePut(pstDstModule, stHdr.ulDstModuleID, pstModBuf)) {
+    const MOD_PUT_E enPut = MOD_MsgQueuePut(pstDstModule, stHdr.ulDstModuleID, pstModBuf, ulGen);
+    if (enPut == MOD_PUT_E::kRefused) {
         MOD_UncountMsg(pstSrcModule);
+        MOD_StatAdd(&MOD_SlotStat(MOD_SlotIndex(pstDstModule)).ulRefused);
         IBP_ERR("module %#x is going away", stHdr.ulDstModuleID);
         IBP_ERR("add msg %#x to module %#x fail", stHdr.ulMsgID, stHdr.ulDstModuleID);
         return 1;
     }
-    sem_post(&pstDstModule->stWakeSem);
+    if (enPut == MOD_PUT_E::kFirst)
+        sem_post(&pstDstModule->stWakeSem);  // behind others, a wake-up is on its way
     return 0;
 }
 
 u32 MOD_RouteRemote(MOD_MODULE_S *pstSrcModule, MOD_BUF_S *pstModBuf, const MSG_HDR_S &stHdr)
 {
     MOD_CountMsg(&pstSrcModule->ulSendMsgCount, &pstSrcModule->ulLastSendMsg, stHdr.ulMsgID);
-    if (!MOD_PutRemote(pstModBuf)) {
-        MOD_UncountMsg(pstSrcModule);
-        IBP_ERR("no transport to proc %#x, msg %#x not sent", stHdr.ulDstProcID, stHdr.ulMsgID);
-        return 1;
+    switch (MOD_PutRemote(pstModBuf)) {
+        case MOD_REMOTE_E::kClosed:
+            MOD_UncountMsg(pstSrcModule);
+            IBP_ERR("no transport to proc %#x, msg %#x not sent", stHdr.ulDstProcID, stHdr.ulMsgID);
+            return 1;
+        case MOD_REMOTE_E::kSendNow:
+            MOD_Tap(stHdr);
+            (void)MOD_SendNow(pstModBuf);  // the runtime's now, sent or not
+            return 0;
+        case MOD_REMOTE_E::kQueued:
+            MOD_Tap(stHdr);
+            MOD_WakeProcThread();  // it sends what is on the outbound queue
+            return 0;
     }
-    MOD_WakeProcThread();  // it sends what is on the outbound queue
     return 0;
 }
 
@@ -82,6 +108,7 @@ void MOD_SetRemoteSendQueue(MOD_MSG_CTRL_S *pstQueue)
         {
             MOD_SemGuard lock(&pstQueue->stLock);
             gbRemoteOpen = true;
+            gbRemoteInFlight = false;
         }
         __atomic_store_n(&gpstRemoteQueue, pstQueue, __ATOMIC_RELEASE);
         return;
@@ -94,6 +121,36 @@ void MOD_SetRemoteSendQueue(MOD_MSG_CTRL_S *pstQueue)
         gbRemoteOpen = false;
     }
     MOD_DrainQueue(pstOld);
+}
+
+bool MOD_TakeRemoteQueue(MOD_LIST_S *pstOut)
+{
+    MOD_MSG_CTRL_S *pstQueue = __atomic_load_n(&gpstRemoteQueue, __ATOMIC_ACQUIRE);
+    if (pstQueue == nullptr) {
+        MOD_ListInit(pstOut);
+        return false;
+    }
+    MOD_SemGuard lock(&pstQueue->stLock);
+    MOD_ListSplice(&pstQueue->stUsedList, pstOut);
+    gbRemoteInFlight = !MOD_ListEmpty(pstOut);
+    return gbRemoteInFlight;
+}
+
+void MOD_RemoteSent(MOD_LIST_S *pstRest)
+{
+    MOD_MSG_CTRL_S *pstQueue = __atomic_load_n(&gpstRemoteQueue, __ATOMIC_ACQUIRE);
+    if (pstQueue == nullptr) {
+        MOD_DrainList(pstRest);
+        return;
+    }
+    MOD_SemGuard lock(&pstQueue->stLock);
+    if (!MOD_ListEmpty(pstRest)) {  // in front of what came meanwhile: it is older
+        MOD_LIST_S stNewer;
+        MOD_ListSplice(&pstQueue->stUsedList, &stNewer);
+        MOD_ListSplice(pstRest, &pstQueue->stUsedList);
+        MOD_ListAppend(&stNewer, &pstQueue->stUsedList);
+    }
+    gbRemoteInFlight = false;
 }
 
 u32 MOD_RouteMsg(MOD_MODULE_S *pstSrcModule, MOD_BUF_S *pstModBuf, MOD_ACK_WAITER_S *pstWaiter)

@@ -7,6 +7,7 @@
 #include "ibp/isp_module.h"
 #include "ibp/isp_system.h"
 #include "log/log_internal.h"
+#include "runtime/mod_stat.h"
 #include "runtime/module_internal.h"
 #include "runtime/sendmsg_internal.h"
 
@@ -47,10 +48,12 @@ u32 MSG_WaitAck(MOD_MODULE_S *pstModule, MOD_ACK_WAITER_S *pstWaiter, u32 ulMsgI
         return 0;
     }
     if (pstWaiter->bFailed) {
+        MOD_StatAdd(&MOD_ProcStat().ulSyncFailed);
         IBP_ERR("wait ack message fail! the module went away msgId=%#x assMsgId=%#x module=[%#x to %#x]", ulMsgID,
                 pstWaiter->ulAssMsgID, pstModule->ulModuleID, ulDstModuleID);
         return 1;
     }
+    MOD_StatAdd(&MOD_ProcStat().ulSyncTimedOut);
     const u32 ulWaited = ullWaitMs > UINT32_MAX ? UINT32_MAX : static_cast<u32>(ullWaitMs);
     IBP_ERR("wait ack message timeout! waitTime=%u timeoutTime=%u msgId=%#x assMsgId=%#x module=[%#x to %#x]",
             ulWaited, ulTimeout, ulMsgID, pstWaiter->ulAssMsgID, pstModule->ulModuleID, ulDstModuleID);

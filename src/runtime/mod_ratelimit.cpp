@@ -7,6 +7,7 @@
 
 #include "ibp/isp_system.h"
 #include "log/log_internal.h"
+#include "runtime/mod_stat.h"
 #include "runtime/module_internal.h"
 #include "runtime/proc_internal.h"
 
@@ -32,7 +33,28 @@ constexpr std::array<MOD_RATE_CFG_S, static_cast<size_t>(MOD_RATE_KIND_E::NUM)> 
     {5, LOG_LEVEL_WRN, "drop bytes of an unfinished msg"},
     {1, LOG_LEVEL_WRN, "sync ack that no thread waits for dropped"},
     {1, LOG_LEVEL_WRN, "sync ack from another address than its proc dropped"},
+    {1, LOG_LEVEL_WRN, "socket buffer full, datagrams dropped by the kernel"},
 }};
+
+// Where each kind is counted for the statistics; null: counted elsewhere.
+u32 *MOD_RateCounter(size_t i)
+{
+    MOD_PROC_STAT_COUNT_S &st = MOD_ProcStat();
+    static u32 *const apulCounter[] = {
+        &st.aulBadInput[IBP_BAD_HEADER],   &st.aulBadInput[IBP_BAD_LENGTH],
+        &st.aulBadInput[IBP_BAD_NO_DEST],  &st.aulBadInput[IBP_BAD_BUF_FULL],
+        &st.aulBadInput[IBP_BAD_UNFINISHED], &st.ulStrayAcks,
+        &st.aulBadInput[IBP_BAD_FOREIGN_ACK], nullptr,
+    };
+    static_assert(sizeof(apulCounter) / sizeof(apulCounter[0]) == static_cast<size_t>(MOD_RATE_KIND_E::NUM));
+    return apulCounter[i];
+}
+
+void MOD_RateCount(size_t i, u32 ulNum)
+{
+    if (u32 *pulCounter = MOD_RateCounter(i))
+        MOD_StatAdd(pulCounter, ulNum);
+}
 
 struct MOD_RATE_S {
     u64 ullStart;     // start of the window in ms, 0 when the kind is quiet
@@ -74,6 +96,7 @@ void MOD_RateWriteCount(size_t i, u32 ulLeftOut)
 bool MOD_RateAdmit(MOD_RATE_KIND_E enKind)
 {
     const auto i = static_cast<size_t>(enKind);
+    MOD_RateCount(i, 1);
     const u64 ullNow = NowMs();
     u32 ulDue = 0;
     bool bAdmit = false;
@@ -104,6 +127,7 @@ void MOD_RateLeaveOut(MOD_RATE_KIND_E enKind, u32 ulNum)
 {
     if (ulNum == 0)
         return;
+    MOD_RateCount(static_cast<size_t>(enKind), ulNum);
     MOD_MutexGuard lock(&gstRateLock);
     // Right after a refusal: the window is still open and a count already
     // waits, so the timer is set.

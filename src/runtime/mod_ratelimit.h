@@ -25,6 +25,7 @@ enum class MOD_RATE_KIND_E : u32 {
     UNFINISHED, // a message that its sender never finished
     STRAY_ACK,  // a synchronous ack that no thread waits for
     FOREIGN_ACK, // a synchronous ack from another address than its process's
+    KERNEL_DROP, // datagrams that the kernel dropped, the socket's buffer being full
     NUM,
 };
 

@@ -4,16 +4,20 @@
 // FILES, one idea each. A file calls only files listed below it, never one
 // above, so no two files call each other:
 //   isp_module_proc.cpp     set-up and teardown of the process (MOD_SysInit, MOD_SysDestroy)
-//   isp_module_loop.cpp     the process thread: its epoll loop and the sending of the outbound queue
-//   isp_module_recv.cpp     the receive path: datagrams into the ring, messages out (process thread only)
-//   isp_module_route.cpp    routing: MOD_SendMsgProc, the outbound queue's gate
-//   isp_module_print.cpp    the modules and the tables as text
-//   isp_module_pool.cpp     the slot pool, registration, module threads and their end
+//   isp_module_loop.cpp     the process thread: its epoll loop, its timers, the outbound queue's drain
+//   isp_module_recv.cpp     the receive path: datagrams in batches, messages parsed where they lie
+//                           or through the receive buffer (process thread only)
+//   isp_module_route.cpp    routing: MOD_SendMsgProc, the outbound queue and who may send past it
+//   isp_module_print.cpp    the modules, the tables and the statistics as text and records
+//   isp_module_send.cpp     datagrams to the other process
+//   isp_module_pool.cpp     the slot pool, registration, module threads and their end, look-ups
 //   isp_module_msgproc.cpp  handler tables, and the drain of a module's queue into its handlers
 //   isp_module_ack.cpp      synchronous acks and the threads that wait for them
 //   mod_ratelimit.cpp       rate limits of the records that bad input causes
+//   isp_module_tap.cpp      the tap of a message monitor
 //   isp_module_wake.cpp     the process thread's wake-up descriptor
 //   isp_module_queue.cpp    message queues, the gate of a module's queue, timed waits
+//   isp_module_stat.cpp     the counters (mod_stat.h)
 //   isp_module_cfg.cpp      the process and module tables, gstCurProc
 // Sending (isp_sendmsg.cpp) stands above them all.
 //
@@ -29,12 +33,15 @@
 //                         wait for acks speaking as that module, and their
 //                         fields (the ack each got, whether it failed).
 //   stMsgProcCtrl.stLock  a slot's handler entries.
-//   stSendMsgCtrl.stLock  the outbound queue and whether it is open.
+//   stSendMsgCtrl.stLock  the outbound queue, whether it is open, and whether the
+//                         process thread holds messages of it that are not sent yet.
 //   wake lock             the process thread's wake descriptor, against its close.
 //   rate lock             the counters of the rate limits.
 // Without a lock, as atomics: bRun, a slot's counters (ulAssMsgID,
 // ulSendMsgCount, ulLastSendMsg, ulRecvMsgCount, ulLastRecvMsg), a slot's
-// thread end state, whether the runtime runs. Semaphores that are no locks:
+// thread end state, whether the runtime runs, the newest slot of each module
+// (rewritten under the pool's lock, read without it), the statistics
+// (mod_stat.h), the tap's switch, lease and ring (mod_tap.h). Semaphores that are no locks:
 // stWakeSem (one post per message queued), a slot's start and end signals,
 // and each waiting thread's own.
 //
@@ -141,23 +148,43 @@ void MOD_ResetListCtrl(MOD_LIST_CTRL_S *pstCtrl, u32 ulMaxNum);
 // Takes every message of a queue under its lock and frees them after it.
 void MOD_DrainQueue(MOD_MSG_CTRL_S *pstQueue);
 
+// Frees the messages of a list that no queue holds any more.
+void MOD_DrainList(MOD_LIST_S *pstList);
+
 // The ordinary queue of a slot, behind its gate. Set-up makes the lock, the
 // gate closed; open lets in messages for the slot's ulModuleID; shut lets
 // nothing more in, and what is queued stays for the module's thread to
-// handle; close shuts the gate and frees what is still queued.
+// handle; close shuts the gate and frees what is still queued (returns how
+// many).
 void MOD_MsgQueueSetUp(MOD_MODULE_S *pstSlot);
 void MOD_MsgQueueOpen(MOD_MODULE_S *pstSlot);
 void MOD_MsgQueueShut(MOD_MODULE_S *pstSlot);
-void MOD_MsgQueueClose(MOD_MODULE_S *pstSlot);
+u32 MOD_MsgQueueClose(MOD_MODULE_S *pstSlot);
 
-// Queues pstBuf at the slot if its queue is open for ulModuleID; false, with
-// the buffer still the caller's, if the module has gone (or the slot now
-// holds another one).
-bool MOD_MsgQueuePut(MOD_MODULE_S *pstSlot, u32 ulModuleID, MOD_BUF_S *pstBuf);
+// Queues pstBuf at the slot if its queue is open for ulModuleID and, unless
+// ulGen is 0, still in the opening ulGen (MOD_MsgQueueGen) that the sender
+// aimed at. Refused, the buffer is still the caller's: the module has gone
+// (or the slot holds a later one now). kFirst: the queue was empty, so its
+// thread may be asleep and needs a wake-up; behind others it has one coming.
+enum class MOD_PUT_E { kRefused, kFirst, kBehind };
+MOD_PUT_E MOD_MsgQueuePut(MOD_MODULE_S *pstSlot, u32 ulModuleID, MOD_BUF_S *pstBuf, u32 ulGen = 0);
+u32 MOD_MsgQueueGen(const MOD_MODULE_S *pstSlot);
+
+// The module's thread takes its whole queue at once, oldest first, into the
+// empty head pstOut, and returns how many; what it does not handle now goes
+// back in front with MOD_MsgQueuePutBack. Any module record, not only slots.
+u32 MOD_MsgQueueTakeAll(MOD_MODULE_S *pstModule, MOD_LIST_S *pstOut);
+void MOD_MsgQueuePutBack(MOD_MODULE_S *pstModule, MOD_LIST_S *pstRest);
 
 inline size_t MOD_SlotIndex(const MOD_MODULE_S *pstSlot)
 {
     return static_cast<size_t>(pstSlot - gstCurProc.astModule);
+}
+
+// True for a slot of the pool, false for a module record of a caller's own.
+inline bool MOD_IsPoolSlot(const MOD_MODULE_S *pstModule)
+{
+    return pstModule >= gstCurProc.astModule && pstModule < gstCurProc.astModule + MOD_MAX_MODULE_NUM;
 }
 
 inline void MOD_ListPushFront(MOD_LIST_S *pstHead, MOD_LIST_S *pstNode)
@@ -208,6 +235,7 @@ struct MOD_ACK_WAITER_S {
     u32 ulAssMsgID;
     MOD_BUF_S *pstAck;                // on the ack queue once it came; any later one is a stray
     const MOD_MODULE_S *pstDstSlot;   // the module of this process the request went to, or null
+    u32 ulDstGen;                     // and its opening (MOD_MsgQueueGen)
     bool bListed;                     // false once its module went away and took it off the list
     bool bFailed;                     // no ack can come: the request's module or its own went away
     sem_t stSem;                      // posted once, when the wait is to end
@@ -224,12 +252,14 @@ void MOD_AckQueueClose(MOD_MODULE_S *pstSlot);
 void MOD_AddAckWaiter(MOD_MODULE_S *pstModule, MOD_ACK_WAITER_S *pstWaiter, u32 ulAssMsgID);
 
 // Notes the module of this process that the waiter's request is queued at,
-// before it is queued there: if that module goes away, the waiter fails.
-void MOD_AimAckWaiter(MOD_MODULE_S *pstModule, MOD_ACK_WAITER_S *pstWaiter, const MOD_MODULE_S *pstDstSlot);
+// in its opening ulGen, before it is queued there: if that module goes away,
+// the waiter fails, and the request is refused by a later registration.
+void MOD_AimAckWaiter(MOD_MODULE_S *pstModule, MOD_ACK_WAITER_S *pstWaiter, const MOD_MODULE_S *pstDstSlot,
+                      u32 ulGen);
 
-// Wakes with a failure every thread whose request waits at pstSlot, which is
-// going away: its queue has been closed, the request freed.
-void MOD_FailAckWaitersAt(const MOD_MODULE_S *pstSlot);
+// Wakes with a failure every thread whose request waits at opening ulGen of
+// pstSlot, which is going away: its queue has been closed, the request freed.
+void MOD_FailAckWaitersAt(const MOD_MODULE_S *pstSlot, u32 ulGen);
 
 // Ends the wait: unlists the waiter and gives its ack if one came, else null
 // (pstWaiter->bFailed then tells a failure from a time-out).
@@ -256,6 +286,15 @@ bool MOD_FindMsgProc(MOD_MSG_PROC_CTRL_S *pstCtrl, u32 ulMsgID, MOD_MSG_PROC_COP
 void MOD_MsgProcTableSetUp(MOD_MODULE_S *pstModule);
 void MOD_InitMsgProcTable(MOD_MODULE_S *pstModule);
 
+// ---------------------------------------------------------------- the socket (isp_module_send.cpp)
+
+// Sends the messages of a list as datagrams to their processes and frees
+// them; false when a message that cannot be sent at all (freed, with its
+// record) stopped it, the rest staying on the list.
+bool MOD_SendList(MOD_LIST_S *pstList);
+// Sends one message and frees it, sent or not.
+bool MOD_SendNow(MOD_BUF_S *pstBuf);
+
 // ---------------------------------------------------------------- the pool (isp_module_pool.cpp)
 
 // Sets up the pool of module slots of gstCurProc: every semaphore of every
@@ -273,11 +312,24 @@ void MOD_ForEachInUse(void (*pfnVisit)(const MOD_MODULE_S *pstModule, void *pUse
 // Entry of an ordinary module's thread.
 void *MOD_ModuleThreadProc(void *pvModule);
 
+// ---------------------------------------------------------------- reports (isp_module_print.cpp)
+
+// Display functions of "isp stat module", "isp stat proc" and "isp stat clear".
+u32 MOD_PrintModuleStat(u32 *pulOutBufLen, char *pcOutBuf);
+u32 MOD_PrintProcStat(u32 *pulOutBufLen, char *pcOutBuf);
+u32 MOD_ClearStatCmd(u32 *pulOutBufLen, char *pcOutBuf);
+
 // ---------------------------------------------------------------- routing (isp_module_route.cpp)
 
 // MOD_SendMsgProc; with pstWaiter, the synchronous request of that waiter,
 // aimed at its destination before it is queued there.
 u32 MOD_RouteMsg(MOD_MODULE_S *pstSrcModule, MOD_BUF_S *pstModBuf, MOD_ACK_WAITER_S *pstWaiter);
+
+// The process thread takes the whole outbound queue to send it; until
+// MOD_RemoteSent no other thread sends past it. pstRest: what it did not send,
+// which goes back in front of the queue.
+bool MOD_TakeRemoteQueue(MOD_LIST_S *pstOut);
+void MOD_RemoteSent(MOD_LIST_S *pstRest);
 
 // Where MOD_SendMsgProc puts a message for the other process. A queue opens
 // it (the transport, once the queue is set up); null closes the open one and

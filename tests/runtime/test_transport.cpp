@@ -219,6 +219,10 @@ TEST_F(Service, BadInputFloodsAreCountedNotLoggedOneByOne)
     const size_t ulAcksLogged = cap_.CountPrefix("drop sync ack that no thread waits for: ");
     EXPECT_EQ(ulAcksLogged, 1u);
     EXPECT_EQ(ulAcksLogged + LeftOut(cap_, "sync ack that no thread waits for dropped"), 20u) << cap_.Dump();
+    IBP_PROC_STAT_S st{};  // the statistics count every one, whether its record was written or not
+    ASSERT_EQ(IBP_GetProcStat(&st), 0u);
+    EXPECT_EQ(std::vector<u32>({st.aulBadInput[IBP_BAD_HEADER], st.ulStrayAcks, st.ulDatagramsIn}),
+              std::vector<u32>({2000, 20, 2}));
 }
 
 TEST_F(Service, SyncAsyncForwardAndTimeOutsInsideTheProcess)

@@ -1,0 +1,144 @@
+// Counters of the runtime: per module slot and per process. They are bumped
+// on the message paths without a lock of their own: a counter with one
+// writer (the module's thread, the process thread) or whose writers already
+// hold a queue's lock is a relaxed load and store; one with several writers
+// is a relaxed atomic add. Readers load them relaxed, so a row may mix
+// moments, which a report of counters can afford. IBP_ClearStat racing a
+// writer may lose the clear of that one counter.
+//
+// Built with IBP_STATS=0 (for measuring what they cost) every bump is empty.
+#pragma once
+
+#include <ctime>
+
+#include "ibp/isp_module.h"
+#include "ibp/isp_stat.h"
+
+#ifndef IBP_STATS
+#define IBP_STATS 1
+#endif
+
+constexpr bool MOD_STATS_ON = IBP_STATS != 0;
+// Handler times in buckets of powers of two microseconds: bucket 0 holds
+// runs under 1 us, bucket b those under 2^b us; the last takes the rest.
+constexpr u32 MOD_HIST_BUCKETS = 24;
+
+struct MOD_SLOT_STAT_S {
+    u32 ulRecv;       // under the queue's lock
+    u32 ulDepth;      // under the queue's lock
+    u32 ulHigh;       // under the queue's lock
+    u32 ulHandled;    // the module's thread
+    u32 ulNoHandler;  // the module's thread
+    u32 ulRuns;       // the module's thread
+    u32 ulMaxUs;      // the module's thread
+    u32 aulHist[MOD_HIST_BUCKETS];  // the module's thread
+    u32 ulRefused;    // any sender
+    u32 ulDrained;    // whoever unregisters
+    u32 ulStrayAcks;  // any deliverer
+    u32 ulSentBase;   // the slot's ulSendMsgCount when counting began
+};
+
+struct MOD_PROC_STAT_COUNT_S {
+    u32 ulDatagramsIn;  // the process thread
+    u64 ullBytesIn;     // the process thread
+    u32 ulKernelDrops;  // the process thread
+    u32 ulDatagramsOut;
+    u64 ullBytesOut;
+    u32 ulSendFailures;
+    u32 aulBadInput[IBP_BAD_KIND_NUM];
+    u32 ulStrayAcks;
+    u32 ulSyncWaiting;
+    u32 ulSyncTimedOut;
+    u32 ulSyncFailed;
+    u32 ulMonitorShown;
+    u32 ulMonitorLost;
+};
+
+// The counters of slot i of the pool, and of the process.
+MOD_SLOT_STAT_S &MOD_SlotStat(size_t ulSlot);
+MOD_PROC_STAT_COUNT_S &MOD_ProcStat();
+
+// A slot's counters start again from 0 at its registration.
+void MOD_StatResetSlot(size_t ulSlot, u32 ulSentNow);
+
+// Snapshots for reports; the slot must be registered for its name and sends.
+void MOD_StatFillModule(const MOD_MODULE_S *pstSlot, size_t ulSlot, IBP_MODULE_STAT_S *pstOut);
+void MOD_StatFillProc(IBP_PROC_STAT_S *pstOut);
+// The process's counters back to 0 but the gauges, for a new start.
+void MOD_StatResetProc();
+// Every counter back to 0 but the gauges; ulSentNow gives each slot's
+// ulSendMsgCount of now.
+void MOD_StatClearAll(const u32 (&aulSentNow)[MOD_MAX_MODULE_NUM]);
+
+// Bumps. Single writer (or writers under one lock): load and store.
+inline void MOD_StatInc(u32 *pul, u32 ulBy = 1)
+{
+    if constexpr (MOD_STATS_ON)
+        __atomic_store_n(pul, __atomic_load_n(pul, __ATOMIC_RELAXED) + ulBy, __ATOMIC_RELAXED);
+}
+inline void MOD_StatInc64(u64 *pull, u64 ullBy)
+{
+    if constexpr (MOD_STATS_ON)
+        __atomic_store_n(pull, __atomic_load_n(pull, __ATOMIC_RELAXED) + ullBy, __ATOMIC_RELAXED);
+}
+// Several writers at once.
+inline void MOD_StatAdd(u32 *pul, u32 ulBy = 1)
+{
+    if constexpr (MOD_STATS_ON)
+        __atomic_fetch_add(pul, ulBy, __ATOMIC_RELAXED);
+}
+inline void MOD_StatAdd64(u64 *pull, u64 ullBy)
+{
+    if constexpr (MOD_STATS_ON)
+        __atomic_fetch_add(pull, ullBy, __ATOMIC_RELAXED);
+}
+inline void MOD_StatSub(u32 *pul)
+{
+    if constexpr (MOD_STATS_ON)
+        __atomic_fetch_sub(pul, 1u, __ATOMIC_RELAXED);
+}
+
+// Under the queue's lock: one more message waits, or ulNum fewer.
+inline void MOD_StatQueued(MOD_SLOT_STAT_S &stStat)
+{
+    if constexpr (MOD_STATS_ON) {
+        MOD_StatInc(&stStat.ulRecv);
+        const u32 ulDepth = __atomic_load_n(&stStat.ulDepth, __ATOMIC_RELAXED) + 1;
+        __atomic_store_n(&stStat.ulDepth, ulDepth, __ATOMIC_RELAXED);
+        if (ulDepth > __atomic_load_n(&stStat.ulHigh, __ATOMIC_RELAXED))
+            __atomic_store_n(&stStat.ulHigh, ulDepth, __ATOMIC_RELAXED);
+    }
+}
+inline void MOD_StatTaken(MOD_SLOT_STAT_S &stStat, u32 ulNum)
+{
+    if constexpr (MOD_STATS_ON)
+        __atomic_store_n(&stStat.ulDepth, __atomic_load_n(&stStat.ulDepth, __ATOMIC_RELAXED) - ulNum,
+                         __ATOMIC_RELAXED);
+}
+
+// Monotonic nanoseconds, for the handler times.
+inline u64 MOD_StatNowNs()
+{
+    if constexpr (!MOD_STATS_ON)
+        return 0;
+    timespec stNow{};
+    clock_gettime(CLOCK_MONOTONIC, &stNow);
+    return static_cast<u64>(stNow.tv_sec) * 1000000000ull + static_cast<u64>(stNow.tv_nsec);
+}
+
+// The module's thread: one handler run of ullNs.
+inline void MOD_StatHandlerRun(MOD_SLOT_STAT_S &stStat, u64 ullNs)
+{
+    if constexpr (MOD_STATS_ON) {
+        const u64 ullUs = ullNs / 1000;
+        const u32 ulUs = ullUs > 0xffffffffu ? 0xffffffffu : static_cast<u32>(ullUs);
+        // Bucket b holds runs under 2^b us: the bit length of the microseconds.
+        u32 ulBucket = ulUs == 0 ? 0 : 32 - static_cast<u32>(__builtin_clz(ulUs));
+        if (ulBucket >= MOD_HIST_BUCKETS)
+            ulBucket = MOD_HIST_BUCKETS - 1;
+        MOD_StatInc(&stStat.aulHist[ulBucket]);
+        MOD_StatInc(&stStat.ulRuns);
+        if (ulUs > __atomic_load_n(&stStat.ulMaxUs, __ATOMIC_RELAXED))
+            __atomic_store_n(&stStat.ulMaxUs, ulUs, __ATOMIC_RELAXED);
+    }
+}
