@@ -20,11 +20,13 @@ bool gbRemoteInFlight;
 
 enum class MOD_REMOTE_E { kClosed, kQueued, kSendNow };
 
-// A message goes out at once from the sending thread when nothing waits on
-// the outbound queue or is on its way from it: what one thread sends then
-// still arrives in the order it was sent, and the hand-off to the process
-// thread is saved. Otherwise it queues behind the others.
-MOD_REMOTE_E MOD_PutRemote(MOD_BUF_S *pstBuf)
+// A synchronous request or ack goes out at once from the sending thread when
+// nothing waits on the outbound queue or is on its way from it: what one
+// thread sends then still arrives in the order it was sent, and a round trip
+// saves two hand-offs to the process threads. Anything else queues: one-way
+// messages come in bursts, which the process thread sends in batches while
+// the sender goes on.
+MOD_REMOTE_E MOD_PutRemote(MOD_BUF_S *pstBuf, bool bMayGoNow)
 {
     MOD_MSG_CTRL_S *pstQueue = __atomic_load_n(&gpstRemoteQueue, __ATOMIC_ACQUIRE);
     if (pstQueue == nullptr)
@@ -32,7 +34,7 @@ MOD_REMOTE_E MOD_PutRemote(MOD_BUF_S *pstBuf)
     MOD_SemGuard lock(&pstQueue->stLock);
     if (!gbRemoteOpen)
         return MOD_REMOTE_E::kClosed;
-    if (!gbRemoteInFlight && MOD_ListEmpty(&pstQueue->stUsedList))
+    if (bMayGoNow && !gbRemoteInFlight && MOD_ListEmpty(&pstQueue->stUsedList))
         return MOD_REMOTE_E::kSendNow;
     MOD_ListAddTail(&pstQueue->stUsedList, &pstBuf->stNode);
     return MOD_REMOTE_E::kQueued;
@@ -83,7 +85,8 @@ u32 MOD_RouteLocal(MOD_MODULE_S *pstSrcModule, MOD_BUF_S *pstModBuf, const MSG_H
 u32 MOD_RouteRemote(MOD_MODULE_S *pstSrcModule, MOD_BUF_S *pstModBuf, const MSG_HDR_S &stHdr)
 {
     MOD_CountMsg(&pstSrcModule->ulSendMsgCount, &pstSrcModule->ulLastSendMsg, stHdr.ulMsgID);
-    switch (MOD_PutRemote(pstModBuf)) {
+    const bool bSync = stHdr.enMsgType == MSG_TYPE_SYNC_REQ || stHdr.enMsgType == MSG_TYPE_SYNC_ACK;
+    switch (MOD_PutRemote(pstModBuf, bSync)) {
         case MOD_REMOTE_E::kClosed:
             MOD_UncountMsg(pstSrcModule);
             IBP_ERR("no transport to proc %#x, msg %#x not sent", stHdr.ulDstProcID, stHdr.ulMsgID);
