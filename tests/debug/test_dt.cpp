@@ -11,6 +11,7 @@
 #include <array>
 #include <filesystem>
 #include <map>
+#include <optional>
 
 #include "debug/cmd_util.h"
 
@@ -110,11 +111,12 @@ std::string Render(const std::string &sOut)
     return s;
 }
 
-// Keys as a .keys file writes them: \r \t \e (ESC) \b (BS) \d (DEL) \\; the file's line ends are no keys.
+// Keys as a .keys file writes them: \r \t \e (ESC) \b (BS) \d (DEL) \D (Ctrl-D) \\; the file's line
+// ends are no keys.
 std::string Keys(const std::string &sText)
 {
-    static const std::map<char, char> kEsc = {{'r', '\r'},  {'t', '\t'},    {'e', '\x1b'},
-                                              {'b', '\b'},  {'d', '\x7f'}, {'\\', '\\'}};
+    static const std::map<char, char> kEsc = {{'r', '\r'}, {'t', '\t'},    {'e', '\x1b'}, {'b', '\b'},
+                                              {'d', '\x7f'}, {'D', '\x04'}, {'\\', '\\'}};
     std::string s;
     for (size_t i = 0; i < sText.size(); i++)
         if (sText[i] != '\n')
@@ -122,17 +124,49 @@ std::string Keys(const std::string &sText)
     return s;
 }
 
+// A service that the test plays on 127.0.0.1:7001, by a script of one line
+// per request, in order: "tree FILE" (a data file) or "cmd TEXT", C escapes
+// read, or "-" in place of FILE or TEXT for a request left unanswered.
+struct Played {
+    std::vector<std::optional<std::string>> answers;
+    int fd = -1;
+};
+
+Played ReadScript(const std::string &sName)
+{
+    Played p;
+    std::istringstream in(ReadData(sName));
+    for (std::string sKind, sArg; in >> sKind && std::getline(in >> std::ws, sArg);)
+        p.answers.push_back(sArg == "-" ? std::nullopt
+                                        : std::optional(Unescape(sKind == "tree" ? ReadData(sArg) : sArg)));
+    return p;
+}
+
 struct Session {
     std::string sScreen;
     int lStatus = -1;
-    bool bRestored = false;           // the terminal settings are those from before
-    std::vector<Bytes> datagrams;     // what the played service got
+    bool bRestored = false;        // the terminal settings are those from before
+    std::vector<Bytes> datagrams;  // what the played service got
 };
 
-// Types `sKeys` into ibp-dt on a pseudo-terminal once its prompt shows, then
-// hangs up if asked to. With a tree text the test plays the service: the tree
-// request gets the text, every other request "operate success".
-Session Type(const std::string &sKeys, const std::string *psTree = nullptr, bool bHangUp = false)
+// The played service's turn: the next line of its script for a datagram.
+void Answer(Played *pPlay, Session *pS)
+{
+    Bytes &b = pS->datagrams.emplace_back(8192);
+    b.resize(std::max<ssize_t>(recv(pPlay->fd, b.data(), b.size(), 0), MSG_HDR_LEN));
+    const sockaddr_in dt = {AF_INET, htons(7002), {htonl(INADDR_LOOPBACK)}, {}};
+    const size_t i = pS->datagrams.size() - 1;  // beyond the script: unanswered
+    if (i < pPlay->answers.size() && pPlay->answers[i]) {
+        const Bytes ack = AckTo(b, *pPlay->answers[i]);
+        sendto(pPlay->fd, ack.data(), ack.size(), 0, reinterpret_cast<const sockaddr *>(&dt), sizeof(dt));
+    }
+}
+
+// Runs ibp-dt with vecArgs on a pseudo-terminal whose erase character is
+// 0x7F, types `sKeys` once its prompt shows, then hangs up if asked to. With
+// a script the test plays the service.
+Session Type(const std::string &sKeys, const std::vector<std::string> &vecArgs = {}, Played *pPlay = nullptr,
+             bool bHangUp = false)
 {
     Session s;
     int lMaster = -1, lSlave = -1, ex[2];
@@ -141,12 +175,13 @@ Session Type(const std::string &sKeys, const std::string *psTree = nullptr, bool
     fcntl(lMaster, F_SETFL, O_NONBLOCK);
     fcntl(lMaster, F_SETFD, FD_CLOEXEC), fcntl(lSlave, F_SETFD, FD_CLOEXEC);  // the tool gets the slave as 0, 1, 2 only
     tcgetattr(lSlave, &before);
-    const int lUdp = psTree != nullptr ? socket(AF_INET, SOCK_DGRAM, 0) : -1;
+    before.c_cc[VERASE] = 0x7f;
+    tcsetattr(lSlave, TCSANOW, &before);
+    const int lUdp = pPlay != nullptr ? pPlay->fd = socket(AF_INET, SOCK_DGRAM, 0) : -1;
     const sockaddr_in isp = {AF_INET, htons(7001), {htonl(INADDR_LOOPBACK)}, {}};
-    const sockaddr_in dt = {AF_INET, htons(7002), isp.sin_addr, {}};
     EXPECT_TRUE(lUdp < 0 || bind(lUdp, reinterpret_cast<const sockaddr *>(&isp), sizeof(isp)) == 0);
     pipe2(ex, O_CLOEXEC);  // reaches its end when the tool ends
-    const pid_t pid = Start("IBP_DT", {}, {lSlave, lSlave, lSlave}, ex[1]);
+    const pid_t pid = Start("IBP_DT", vecArgs, {lSlave, lSlave, lSlave}, ex[1]);
     close(ex[1]);
     std::string sOut;
     for (pollfd p[3] = {{ex[0], POLLIN, 0}, {lMaster, POLLIN, 0}, {lUdp, POLLIN, 0}}; p[0].revents == 0;) {
@@ -163,15 +198,8 @@ Session Type(const std::string &sKeys, const std::string *psTree = nullptr, bool
             if (bHangUp)
                 close(lMaster), lMaster = p[1].fd = -1;
         }
-        if ((p[2].revents & POLLIN) != 0) {
-            Bytes &b = s.datagrams.emplace_back(8192);
-            b.resize(std::max<ssize_t>(recv(lUdp, b.data(), b.size(), 0), MSG_HDR_LEN));
-            const auto *h = reinterpret_cast<const MSG_HDR_S *>(b.data());
-            const std::string sAnswer = h->ulMsgID == 0x10001 ? *psTree : "operate success";
-            const Bytes ack = MakeBlock(MSG_TYPE_SYNC_ACK, h->ulMsgID, h->ulDstModuleID, h->ulSrcModuleID,
-                                        h->ulDstProcID, h->ulSrcProcID, sAnswer, h->ulAssMsgID);
-            sendto(lUdp, ack.data(), ack.size(), 0, reinterpret_cast<const sockaddr *>(&dt), sizeof(dt));
-        }
+        if ((p[2].revents & POLLIN) != 0)
+            Answer(pPlay, &s);
     }
     s.sScreen = Render(ReadAll(lMaster, sOut));
     s.lStatus = Wait(pid);
@@ -182,33 +210,44 @@ Session Type(const std::string &sKeys, const std::string *psTree = nullptr, bool
     return s;
 }
 
+// Each transcript NAME: NAME.keys typed, NAME.screen seen, with the options
+// of NAME.args (one a line) if there is such a file, and against the service
+// that NAME.service plays if there is one, otherwise the real ibp-isp.
+void PlayTranscripts(bool bPlayed)
+{
+    const std::string sDir = std::string(IBP_TEST_DATA_DIR) + "/debug/data/transcripts";
+    for (const auto &e : std::filesystem::directory_iterator(sDir)) {
+        const std::string sName = "transcripts/" + e.path().stem().string();
+        if (e.path().extension() != ".keys" || std::filesystem::exists(sDir + "/../" + sName + ".service") != bPlayed)
+            continue;
+        SCOPED_TRACE(sName);
+        const std::vector<std::string> vecArgs = Split(ReadData(sName + ".args"), '\n');
+        Played play = bPlayed ? ReadScript(sName + ".service") : Played{};
+        const Session s = Type(Keys(ReadData(sName + ".keys")), vecArgs, bPlayed ? &play : nullptr);
+        EXPECT_EQ(ReadData(sName + ".screen"), s.sScreen);
+        EXPECT_EQ(s.lStatus, 0);
+        EXPECT_TRUE(s.bRestored);
+    }
+}
+
 }  // namespace
 
 TEST(DebugTool, TranscriptsInAPseudoTerminal)
 {
     IBP_REQUIRE_ISOLATION();
+    PlayTranscripts(true);
     Service isp;
     ASSERT_TRUE(isp.Ready());
-    const std::string sDir = std::string(IBP_TEST_DATA_DIR) + "/debug/data/transcripts";
-    for (const auto &e : std::filesystem::directory_iterator(sDir)) {
-        const std::string sName = "transcripts/" + e.path().stem().string();
-        if (e.path().extension() != ".keys")
-            continue;
-        SCOPED_TRACE(sName);
-        const Session s = Type(Keys(ReadData(sName + ".keys")));
-        EXPECT_EQ(ReadData(sName + ".screen"), s.sScreen);
-        EXPECT_EQ(s.lStatus, 0);
-        EXPECT_TRUE(s.bRestored);
-    }
+    PlayTranscripts(false);
     // A terminal that goes away ends the tool as "q" does, without spinning.
-    EXPECT_EQ(Type("isp bp", nullptr, true).lStatus, 0);
+    EXPECT_EQ(Type("isp bp", {}, nullptr, true).lStatus, 0);
 }
 
 TEST(DebugTool, FirstRequestIsTheWorkedExampleAndAmbiguityIsReported)
 {
     IBP_REQUIRE_ISOLATION();
-    const std::string sTree = ReadData("played/service.tree");  // the base commands and "isp x ab|ac"
-    const Session s = Type(Keys(ReadData("played/service.keys")), &sTree);
+    Played play = ReadScript("played/service.service");  // the base commands and "isp x ab|ac"
+    const Session s = Type(Keys(ReadData("played/service.keys")), {}, &play);
     EXPECT_EQ(ReadData("played/service.screen"), s.sScreen);
     EXPECT_TRUE(s.bRestored);
     // "isp bp log cli ..." is the tool's own business: the service gets the
@@ -225,7 +264,10 @@ TEST(DebugTool, FirstRequestIsTheWorkedExampleAndAmbiguityIsReported)
 TEST(DebugTool, LinesWithoutATerminalAndTheirExitStatus)
 {
     IBP_REQUIRE_ISOLATION();
-    EXPECT_EQ(RunDt({"-c", "isp bp proc cfg"}).lStatus, 2);  // no service
+    // No service: one line says so, and the lines behind are not tried.
+    const DtRun stNone = RunDt({"-c", "isp bp proc cfg", "-c", "isp bp"});
+    EXPECT_EQ(stNone.lStatus, 2);
+    EXPECT_EQ(stNone.sOut + stNone.sErr, ReadData("no_answer.txt"));
     auto Report = [](const std::string &sLine, size_t ulCaret, const char *pcText) {
         return sLine + "\n" + std::string(ulCaret, ' ') + "^\n" + pcText + " command input!\n";
     };
