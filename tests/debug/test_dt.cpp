@@ -1,7 +1,10 @@
 // ibp-dt as its user meets it: transcripts (keys in, screen out) typed into a
 // pseudo-terminal, -c lines and their exit statuses, and the first request on
 // the wire; against a real ibp-isp, none, or a service that the test plays.
+// And ibp-ping, which says what fails while it fails and gives its figures
+// when a signal stops it.
 #include <fcntl.h>
+#include <fnmatch.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <pty.h>
@@ -230,6 +233,44 @@ void PlayTranscripts(bool bPlayed)
     }
 }
 
+// Rows of a data file, columns split at "|" after C escapes.
+std::vector<std::vector<std::string>> Rows(const std::string &sName)
+{
+    std::vector<std::vector<std::string>> rows;
+    for (const std::string &sLine : Split(ReadData(sName), '\n'))
+        if (!sLine.empty() && sLine[0] != '#')
+            rows.push_back(Split(Unescape(sLine) + "|", '|'));  // an empty last column too
+    return rows;
+}
+
+// A program on a pseudo-terminal of its own, from a row: program,
+// arguments, what it shows once it runs, ...; its output, and whether it
+// ended (its terminal hangs up).
+struct OnPty {
+    std::vector<std::string> row;
+    pid_t pid = -1;
+    int lMaster = -1;
+    std::string sOut;
+    bool bEnded = false;
+    explicit OnPty(const std::vector<std::string> &stRow) : row(stRow)
+    {
+        int lSlave = -1;
+        openpty(&lMaster, &lSlave, nullptr, nullptr, nullptr);
+        fcntl(lMaster, F_SETFD, FD_CLOEXEC), fcntl(lSlave, F_SETFD, FD_CLOEXEC);
+        pid = Start(row[0].c_str(), Split(row[1], ';'), {lSlave, lSlave, lSlave});
+        close(lSlave);
+    }
+    ~OnPty() { close(lMaster); }
+    bool Runs() const { return sOut.find(row[2]) != std::string::npos; }
+    void Read()
+    {
+        char ac[512];
+        const ssize_t n = read(lMaster, ac, sizeof(ac));
+        bEnded |= n <= 0;
+        sOut.append(ac, std::max<ssize_t>(n, 0));
+    }
+};
+
 }  // namespace
 
 TEST(DebugTool, TranscriptsInAPseudoTerminal)
@@ -290,4 +331,22 @@ TEST(DebugTool, LinesWithoutATerminalAndTheirExitStatus)
         EXPECT_EQ(r.lStatus, c.lStatus) << c.args[1] << r.sErr;
         EXPECT_EQ(r.sOut, c.sOut) << c.args[1];
     }
+}
+
+TEST(Programs, PingSaysWhatFailsWhileItFailsAndGivesItsFiguresOnSigterm)
+{
+    IBP_REQUIRE_ISOLATION();
+    RawPeer isp(7001);  // the test plays the service: it echoes the first record, then falls silent
+    ASSERT_TRUE(isp.Bound());
+    const auto want = Rows("ping_stopped.txt")[0];  // arguments, what it says while records fail, all it says
+    OnPty ping({"IBP_PING", want[0], want[1]});
+    const Bytes req = isp.Recv();
+    ASSERT_GE(req.size(), MSG_HDR_LEN);
+    isp.SendTo(7002, AckTo(req, std::string(req.begin() + MSG_HDR_LEN, req.end())));
+    while (!ping.Runs() && !ping.bEnded)
+        ping.Read();
+    kill(ping.pid, SIGTERM);
+    EXPECT_EQ(Wait(ping.pid), 1);
+    const std::string sAll = ReadAll(ping.lMaster, ping.sOut);
+    EXPECT_EQ(fnmatch(want[2].c_str(), sAll.c_str(), 0), 0) << sAll;
 }
