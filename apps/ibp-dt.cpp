@@ -2,52 +2,52 @@
 // command line against the running service; with -c it runs lines through
 // the same interpreter without a terminal, for scripts and tests.
 //
-//   ibp-dt [--bare-keys] [--log-stdout] [-c LINE]...
+//   ibp-dt [--bare-keys] [LOG OPTION] [-c LINE]...
 //
 // Exit status with -c: 0, or 1 when a line was Wrong, Ambiguous or
 // Incomplete or was answered "operate fail", or 2 when the service did not
-// answer (the lines behind it are not tried) or the tool could not start.
+// answer (the lines behind it are not tried). 1 as well when the tool could
+// not start, and 2 for a bad command line.
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
 #include <vector>
 
-#include "app_options.h"
+#include "app_start.h"
 #include "debug/isp_cli_priv.h"
 #include "ibp/ibp.h"
 
 namespace {
 
-enum { EXIT_LINE_FAILED = 1, EXIT_NOT_STARTED = 2, EXIT_NO_ANSWER = 2 };
+enum { EXIT_LINE_FAILED = 1, EXIT_NOT_STARTED = 1, EXIT_NO_ANSWER = 2 };
 
 const AppOption kOptions[] = {
     {"command", 'c', "LINE", "run LINE without a terminal and print the answer (repeatable)"},
     {"bare-keys", 0, nullptr, "keys as the library's table has them: 0x7F deletes under the cursor,\n"
                                           "                           no Delete key, Ctrl-D does nothing"},
-    {"log-stdout", 0, nullptr, "log to standard output, not to the files of log module CLI"},
 };
 
 const AppInfo kInfo = {
-    "ibp-dt", "[--bare-keys] [--log-stdout] [-c LINE]...",
+    "ibp-dt", "[--bare-keys] [--log-stdout | --log-stderr | --log-dir DIR] [-c LINE]...",
     "The debug tool: runs the debug commands of a running ibp-isp. Without -c it\n"
     "opens the interactive command line on the terminal: TAB completes or lists,\n"
     "\"?\" lists, the arrows edit and recall, a line that begins with \"q\" or\n"
     "Ctrl-D on an empty line leaves.",
     kOptions, sizeof(kOptions) / sizeof(kOptions[0]),
     "Exit status: 0; 1 when a -c line was wrong, ambiguous or incomplete or was\n"
-    "answered \"operate fail\"; 2 when the service did not answer, the tool could\n"
-    "not start, or the command line was bad.\n"};
+    "answered \"operate fail\", or the tool could not start; 2 when the service\n"
+    "did not answer, or the command line was bad.\n"};
 
 struct DT_OPTIONS_S {
     bool bBareKeys = false;
-    bool bLogStdout = false;
+    AppLogChoice stLog;
     std::vector<const char *> vecLines;
 };
 
 int DT_RunLines(const std::vector<const char *> &vecLines)
 {
-    const MOD_PROC_CFG_S &stIsp = gastProcCfgInfo[0];
+    const MOD_PROC_CFG_S &stIsp = gastProcCfgInfo[kAppRowIsp];
     CLI_BatchInit();
     int lStatus = 0;
     for (const char *pcLine : vecLines) {
@@ -74,13 +74,11 @@ int DT_RunLines(const std::vector<const char *> &vecLines)
 int main(int argc, char **argv)
 {
     DT_OPTIONS_S stOpt;
-    const int lParsed = AppParseOptions(argc, argv, kInfo, [&](int lKey, const char *pcArg) {
+    const int lParsed = AppParseOptions(argc, argv, kInfo, &stOpt.stLog, [&](int lKey, const char *pcArg) {
         if (lKey == 'c')
             stOpt.vecLines.push_back(pcArg);
-        else if (lKey == kAppLongOnly + 1)
-            stOpt.bBareKeys = true;
         else
-            stOpt.bLogStdout = true;
+            stOpt.bBareKeys = true;
         return true;
     });
     if (lParsed >= 0)
@@ -91,7 +89,7 @@ int main(int argc, char **argv)
     }
     // Without a service the tool still starts: the first line says so, and
     // fetches the tree once the service answers.
-    if (!AppDebugToolPortFree(kInfo) || !AppStartLibrary(kInfo, 1, stOpt.bLogStdout, LOG_LEVEL_INF))
+    if (!AppClaimPort(kInfo, kAppRowDt) || !AppStartLibrary(kInfo, 1, &stOpt.stLog, LOG_LEVEL_INF))
         return EXIT_NOT_STARTED;
     // No "DT_CLI" module: the requests go out from this thread, which speaks
     // as the process module of "DT", and nothing is ever sent to the tool.

@@ -1,7 +1,7 @@
 // ibp-ping: a client in the debug tool process. Sends synchronous ISP_MSG_S
 // records to "ISP_IMG" of the service process and prints the round trips.
 //
-//   ibp-ping [-n COUNT] [-s RECORD_BYTES] [-t TIMEOUT_MS] [--log-stdout]
+//   ibp-ping [-n COUNT] [-s RECORD_BYTES] [-t TIMEOUT_MS] [LOG OPTION]
 //   defaults: 100 records of 64 bytes (24-byte head and 40 bytes of body), 2000 ms
 // Exit status 0 when every request was answered, 1 otherwise, 2 for a bad
 // command line. When the first request goes unanswered it stops at once: no
@@ -22,7 +22,7 @@
 #include <thread>
 #include <vector>
 
-#include "app_options.h"
+#include "app_start.h"
 #include "ibp/ibp.h"
 
 namespace {
@@ -31,21 +31,21 @@ struct Options {
     u32 ulCount = 100;
     u32 ulRecordLen = 64;
     u32 ulTimeout = 2000;
-    bool bStdout = false;
+    AppLogChoice stLog;
 };
 
-const std::string kSizeHelp = "bytes of each record, head included (" + std::to_string(ISP_MSG_HDR_LEN) + " to " +
-                              std::to_string(ISP_MSG_HDR_LEN + ISP_MSG_MAX_BODY_LEN) + ", default 64)";
+const std::string kSizeRange =
+    std::to_string(ISP_MSG_HDR_LEN) + " to " + std::to_string(ISP_MSG_HDR_LEN + ISP_MSG_MAX_BODY_LEN);
+const std::string kSizeHelp = "bytes of each record, head included (" + kSizeRange + ", default 64)";
 
 const AppOption kOptions[] = {
-    {"count", 'n', "COUNT", "records to send (default 100)"},
-    {"size", 's', "BYTES", kSizeHelp.c_str()},
-    {"timeout", 't', "MS", "time to wait for each answer (default 2000 ms)"},
-    {"log-stdout", 0, nullptr, "log to standard output instead of the files under /var/log"},
+    {"count", 'n', "COUNT", "records to send (default 100)", "1 to 4294967295"},
+    {"size", 's', "BYTES", kSizeHelp.c_str(), kSizeRange.c_str()},
+    {"timeout", 't', "MS", "time to wait for each answer (default 2000 ms)", "1 to 4294967295"},
 };
 
 const AppInfo kInfo = {
-    "ibp-ping", "[-n COUNT] [-s BYTES] [-t MS] [--log-stdout]",
+    "ibp-ping", "[-n COUNT] [-s BYTES] [-t MS] [--log-stdout | --log-stderr | --log-dir DIR]",
     "Sends synchronous records to the module ISP_IMG of a running ibp-isp, from a\n"
     "debug tool process, and prints the round-trip times.",
     kOptions, sizeof(kOptions) / sizeof(kOptions[0]),
@@ -59,11 +59,8 @@ bool TakeOption(Options *pstOpt, int lKey, const char *pcArg)
             return AppParseU32(pcArg, 1, 0xFFFFFFFFul, &pstOpt->ulCount);
         case 's':
             return AppParseU32(pcArg, ISP_MSG_HDR_LEN, ISP_MSG_HDR_LEN + ISP_MSG_MAX_BODY_LEN, &pstOpt->ulRecordLen);
-        case 't':
-            return AppParseU32(pcArg, 1, 0xFFFFFFFFul, &pstOpt->ulTimeout);
         default:
-            pstOpt->bStdout = true;
-            return true;
+            return AppParseU32(pcArg, 1, 0xFFFFFFFFul, &pstOpt->ulTimeout);
     }
 }
 
@@ -200,8 +197,8 @@ bool Summarise(const Options &stOpt, PingState *pst, int lSig)
     pst->bStop = true;
     if (pst->bNoService) {
         AppError(kInfo, "no answer from ibp-isp on %s:%u within %u ms; start ibp-isp first",
-                 gastProcCfgInfo[0].szSocketAddr, static_cast<unsigned>(gastProcCfgInfo[0].usSocketPort),
-                 stOpt.ulTimeout);
+                 gastProcCfgInfo[kAppRowIsp].szSocketAddr,
+                 static_cast<unsigned>(gastProcCfgInfo[kAppRowIsp].usSocketPort), stOpt.ulTimeout);
         return true;
     }
     if (lSig != 0)
@@ -218,7 +215,7 @@ bool Summarise(const Options &stOpt, PingState *pst, int lSig)
 int main(int argc, char **argv)
 {
     Options stOpt;
-    int lStatus = AppParseOptions(argc, argv, kInfo,
+    int lStatus = AppParseOptions(argc, argv, kInfo, &stOpt.stLog,
                                   [&](int lKey, const char *pcArg) { return TakeOption(&stOpt, lKey, pcArg); });
     if (lStatus >= 0)
         return lStatus;
@@ -231,7 +228,7 @@ int main(int argc, char **argv)
         sigaddset(&stSignals, lSig);
     pthread_sigmask(SIG_BLOCK, &stSignals, nullptr);
 
-    if (!AppDebugToolPortFree(kInfo) || !AppStartLibrary(kInfo, 1, stOpt.bStdout, LOG_LEVEL_WRN))
+    if (!AppClaimPort(kInfo, kAppRowDt) || !AppStartLibrary(kInfo, 1, &stOpt.stLog, LOG_LEVEL_WRN))
         return 1;
     u32 ulModuleID = 0;
     if (MOD_RegModule("DT_CLI", &ulModuleID) != 0)

@@ -1,8 +1,9 @@
 // ibp-dt as its user meets it: transcripts (keys in, screen out) typed into a
 // pseudo-terminal, -c lines and their exit statuses, and the first request on
 // the wire; against a real ibp-isp, none, or a service that the test plays.
-// And ibp-ping, which says what fails while it fails and gives its figures
-// when a signal stops it.
+// And the programs side by side: of two started at the same moment on one
+// port exactly one runs; ibp-ping says what fails while it fails and gives
+// its figures when a signal stops it.
 #include <fcntl.h>
 #include <fnmatch.h>
 #include <gtest/gtest.h>
@@ -14,6 +15,7 @@
 #include <array>
 #include <filesystem>
 #include <map>
+#include <memory>
 #include <optional>
 
 #include "debug/cmd_util.h"
@@ -32,8 +34,11 @@ std::string ReadAll(int fd, std::string s = "")  // to the end, or to EAGAIN
 }
 
 // A program of the build, under the emulator if there is one, with fds[i] as
-// its descriptor i; lKeep stays open in it and so ends with it.
-pid_t Start(const char *pcProg, std::vector<std::string> vecArgs, std::array<int, 3> fds, int lKeep = -1)
+// its descriptor i; lKeep stays open in it and so ends with it. With lGate
+// it waits for a byte from that pipe first, so that programs behind one gate
+// start at the same moment.
+pid_t Start(const char *pcProg, std::vector<std::string> vecArgs, std::array<int, 3> fds, int lKeep = -1,
+            int lGate = -1)
 {
     vecArgs.insert(vecArgs.begin(), Env(pcProg));
     if (!Env("IBP_EMULATOR").empty())
@@ -49,6 +54,8 @@ pid_t Start(const char *pcProg, std::vector<std::string> vecArgs, std::array<int
             dup2(fds[i], i);
         if (lKeep >= 0)
             fcntl(lKeep, F_SETFD, 0);
+        for (char c; lGate >= 0 && read(lGate, &c, 1) < 0 && errno == EINTR;) {
+        }
         execv(argv[0], argv.data());
         _exit(127);
     }
@@ -243,21 +250,21 @@ std::vector<std::vector<std::string>> Rows(const std::string &sName)
     return rows;
 }
 
-// A program on a pseudo-terminal of its own, from a row: program,
-// arguments, what it shows once it runs, ...; its output, and whether it
-// ended (its terminal hangs up).
+// A program on a pseudo-terminal of its own, started behind a gate if there
+// is one, from a row: program, arguments, what it shows once it runs, ...;
+// its output, and whether it ended (its terminal hangs up).
 struct OnPty {
     std::vector<std::string> row;
     pid_t pid = -1;
     int lMaster = -1;
     std::string sOut;
     bool bEnded = false;
-    explicit OnPty(const std::vector<std::string> &stRow) : row(stRow)
+    OnPty(const std::vector<std::string> &stRow, int lGate) : row(stRow)
     {
         int lSlave = -1;
         openpty(&lMaster, &lSlave, nullptr, nullptr, nullptr);
         fcntl(lMaster, F_SETFD, FD_CLOEXEC), fcntl(lSlave, F_SETFD, FD_CLOEXEC);
-        pid = Start(row[0].c_str(), Split(row[1], ';'), {lSlave, lSlave, lSlave});
+        pid = Start(row[0].c_str(), Split(row[1], ';'), {lSlave, lSlave, lSlave}, -1, lGate);
         close(lSlave);
     }
     ~OnPty() { close(lMaster); }
@@ -333,13 +340,51 @@ TEST(DebugTool, LinesWithoutATerminalAndTheirExitStatus)
     }
 }
 
+TEST(Programs, OfTwoStartedTogetherOnOnePortExactlyOneRuns)
+{
+    IBP_REQUIRE_ISOLATION();
+    const auto rows = Rows("one_per_port.txt");  // ibp-isp, ibp-dt, ibp-ping
+    const std::pair<int, int> kPairs[] = {{0, 0}, {1, 1}, {2, 2}, {1, 2}};
+    std::unique_ptr<Service> isp;
+    for (const auto &[lFirst, lSecond] : kPairs) {
+        if (lFirst != 0 && !isp) {  // the debug tools' pairs beside a service
+            isp = std::make_unique<Service>();
+            ASSERT_TRUE(isp->Ready());
+        }
+        for (int lRound = 0; lRound < 10; lRound++) {
+            SCOPED_TRACE(rows[lFirst][0] + " and " + rows[lSecond][0] + ", round " + std::to_string(lRound));
+            int gate[2];
+            pipe2(gate, O_CLOEXEC);
+            OnPty pair[2] = {{rows[lFirst], gate[0]}, {rows[lSecond], gate[0]}};
+            EXPECT_EQ(write(gate[1], "go", 2), 2);  // a byte for each, at once
+            // Until one has ended and the other shows that it runs; 20 s are a safety bound only.
+            while (pair[0].bEnded + pair[1].bEnded + pair[0].Runs() + pair[1].Runs() < 2) {
+                pollfd p[2] = {{pair[0].bEnded ? -1 : pair[0].lMaster, POLLIN, 0},
+                               {pair[1].bEnded ? -1 : pair[1].lMaster, POLLIN, 0}};
+                ASSERT_GT(poll(p, 2, 20000), 0);
+                for (int i = 0; i < 2; i++)
+                    if (p[i].revents != 0)
+                        pair[i].Read();
+            }
+            OnPty &out = pair[pair[0].bEnded ? 0 : 1], &in = pair[pair[0].bEnded ? 1 : 0];
+            EXPECT_TRUE(out.bEnded && !in.bEnded && in.Runs());
+            kill(in.pid, SIGTERM), kill(out.pid, SIGTERM);  // the latter only if it runs after all
+            EXPECT_EQ(Wait(out.pid), 1);
+            Wait(in.pid);
+            std::erase(out.sOut, '\r');
+            EXPECT_EQ(out.sOut, out.row[3] + "\n");
+            close(gate[0]), close(gate[1]);
+        }
+    }
+}
+
 TEST(Programs, PingSaysWhatFailsWhileItFailsAndGivesItsFiguresOnSigterm)
 {
     IBP_REQUIRE_ISOLATION();
     RawPeer isp(7001);  // the test plays the service: it echoes the first record, then falls silent
     ASSERT_TRUE(isp.Bound());
     const auto want = Rows("ping_stopped.txt")[0];  // arguments, what it says while records fail, all it says
-    OnPty ping({"IBP_PING", want[0], want[1]});
+    OnPty ping({"IBP_PING", want[0], want[1]}, -1);
     const Bytes req = isp.Recv();
     ASSERT_GE(req.size(), MSG_HDR_LEN);
     isp.SendTo(7002, AckTo(req, std::string(req.begin() + MSG_HDR_LEN, req.end())));
