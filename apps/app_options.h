@@ -21,15 +21,17 @@
 //
 // The function gets the short letter of the option as key (or, for an
 // option with no letter, kAppLongOnly plus its index in the table) and the
-// argument or null; it returns false when the argument is not acceptable.
+// argument or null; it returns false when the argument is not acceptable,
+// and the error line then shows the option's pcAllowed.
+//
+// Every program also takes the options that choose where its log records go
+// (AppLogChoice, read by app_start.h), behind its own in the usage.
 #ifndef IBP_APPS_APP_OPTIONS_H
 #define IBP_APPS_APP_OPTIONS_H
 
-#include <arpa/inet.h>
 #include <errno.h>
 #include <getopt.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdarg>
@@ -49,6 +51,16 @@ struct AppOption {
     char cShort;         // 0 when the option has no one-letter form
     const char *pcArg;
     const char *pcHelp;
+    const char *pcAllowed = nullptr;  // what the argument may be ("24 to 8143"), for the error line
+};
+
+// Where the log records of a program go. kDefault: the files under /var/log
+// when they can be written, otherwise a folder of the user's (app_start.h).
+enum class AppLogTo { kDefault, kStdout, kStderr, kDir };
+
+struct AppLogChoice {
+    AppLogTo enTo = AppLogTo::kDefault;
+    std::string sDir;  // with kDir
 };
 
 // What --help shows: "Usage: NAME SYNOPSIS", the purpose, the options
@@ -65,6 +77,22 @@ struct AppInfo {
 
 // Key of an option without a one-letter form: this plus its index in the table.
 constexpr int kAppLongOnly = 0x1000;
+// Keys of the options that every program takes, below kAppLongOnly.
+enum : int {
+    kAppKeyHelp = kAppLongOnly - 1,
+    kAppKeyVersion = kAppLongOnly - 2,
+    kAppKeyLogStdout = kAppLongOnly - 5,
+    kAppKeyLogStderr = kAppLongOnly - 4,
+    kAppKeyLogDir = kAppLongOnly - 3,
+};
+
+// The log options, shown behind the program's own.
+const AppOption kAppLogOptions[] = {
+    {"log-stdout", 0, nullptr, "log records to standard output"},
+    {"log-stderr", 0, nullptr, "log records to standard error"},
+    {"log-dir", 0, "DIR", "log records to a file named after the program in DIR", "a folder that this user can write"},
+};
+constexpr int kAppLogKeys[] = {kAppKeyLogStdout, kAppKeyLogStderr, kAppKeyLogDir};
 // Exit status of a command line that the program does not accept.
 constexpr int kAppUsageStatus = 2;
 
@@ -81,10 +109,13 @@ inline void AppError(const AppInfo &stInfo, const char *pcFormat, ...)
 }
 
 // A command line that the program does not accept: one line naming the
-// offending word, with the hint to --help. Returns the exit status.
-inline int AppUsageError(const AppInfo &stInfo, const char *pcWhat, const char *pcWord)
+// offending word and, if given, what it may be, with the hint to --help.
+// Returns the exit status.
+inline int AppUsageError(const AppInfo &stInfo, const char *pcWhat, const char *pcWord, const char *pcAllowed = nullptr)
 {
-    std::fprintf(stderr, "%s: %s '%s'; try '%s --help'\n", stInfo.pcName, pcWhat, pcWord, stInfo.pcName);
+    const std::string sAllowed = pcAllowed != nullptr ? std::string(" (") + pcAllowed + ")" : "";
+    std::fprintf(stderr, "%s: %s '%s'%s; try '%s --help'\n", stInfo.pcName, pcWhat, pcWord, sAllowed.c_str(),
+                 stInfo.pcName);
     return kAppUsageStatus;
 }
 
@@ -102,36 +133,85 @@ inline void AppPrintUsage(const AppInfo &stInfo)
         const AppOption &stOpt = stInfo.pstOptions[i];
         row(stOpt.cShort, stOpt.pcLong, stOpt.pcArg, stOpt.pcHelp);
     }
+    for (const AppOption &stOpt : kAppLogOptions)
+        row(stOpt.cShort, stOpt.pcLong, stOpt.pcArg, stOpt.pcHelp);
     row(0, "help", nullptr, "show this help and exit");
     row(0, "version", nullptr, "show the program's name and the library's version and exit");
+    std::printf("\nLog records go to the files under /var/log, or, where this user cannot write\n"
+                "them, to ~/.local/state/ibp/%s.log.\n", stInfo.pcName);
     if (stInfo.pcEpilogue != nullptr)
         std::printf("\n%s", stInfo.pcEpilogue);
+}
+
+// The option behind a key, from the program's table or the log options.
+inline const AppOption *AppFindOption(const AppInfo &stInfo, int lKey)
+{
+    for (size_t i = 0; i < sizeof(kAppLogKeys) / sizeof(kAppLogKeys[0]); i++)
+        if (lKey == kAppLogKeys[i])
+            return &kAppLogOptions[i];
+    if (lKey >= kAppLongOnly)
+        return &stInfo.pstOptions[lKey - kAppLongOnly];
+    for (size_t i = 0; i < stInfo.ulOptionNum; i++)
+        if (stInfo.pstOptions[i].cShort == lKey)
+            return &stInfo.pstOptions[i];
+    return nullptr;
+}
+
+// A log option into *pstLog; false for a folder that cannot take the records.
+inline bool AppTakeLogOption(int lKey, const char *pcArg, AppLogChoice *pstLog)
+{
+    pstLog->enTo = lKey == kAppKeyLogStdout ? AppLogTo::kStdout : lKey == kAppKeyLogStderr ? AppLogTo::kStderr
+                                                                                          : AppLogTo::kDir;
+    if (pstLog->enTo != AppLogTo::kDir)
+        return true;
+    struct stat stDir {};
+    pstLog->sDir = pcArg;
+    return stat(pcArg, &stDir) == 0 && S_ISDIR(stDir.st_mode) && access(pcArg, W_OK | X_OK) == 0;
+}
+
+// getopt_long's tables for the program's options and the common ones.
+inline void AppMakeOptionTables(const AppInfo &stInfo, std::vector<struct option> *pvecLong, std::string *psShort)
+{
+    auto add = [&](const AppOption &stOpt, int lKey) {
+        const int lHasArg = stOpt.pcArg != nullptr ? required_argument : no_argument;
+        pvecLong->push_back({stOpt.pcLong, lHasArg, nullptr, lKey});
+        if (stOpt.cShort != 0)
+            *psShort += std::string(1, stOpt.cShort) + (lHasArg == required_argument ? ":" : "");
+    };
+    *psShort = ":";  // a missing argument comes back as ':'
+    for (size_t i = 0; i < stInfo.ulOptionNum; i++) {
+        const AppOption &stOpt = stInfo.pstOptions[i];
+        add(stOpt, stOpt.cShort != 0 ? stOpt.cShort : kAppLongOnly + static_cast<int>(i));
+    }
+    for (size_t i = 0; i < sizeof(kAppLogKeys) / sizeof(kAppLogKeys[0]); i++)
+        add(kAppLogOptions[i], kAppLogKeys[i]);
+    pvecLong->push_back({"help", no_argument, nullptr, kAppKeyHelp});
+    pvecLong->push_back({"version", no_argument, nullptr, kAppKeyVersion});
+    pvecLong->push_back({nullptr, 0, nullptr, 0});
+}
+
+// An argument that the option refused: named as the user wrote the option,
+// "-n" or "--count", with what it may be.
+inline int AppRefusedArgument(const AppInfo &stInfo, int lKey, const char *pcWord, const char *pcArg)
+{
+    const AppOption *pstOpt = AppFindOption(stInfo, lKey);
+    const bool bLong = std::strncmp(pcWord, "--", 2) == 0 || pstOpt->cShort == 0;
+    const std::string sName = bLong ? std::string("--") + pstOpt->pcLong : std::string("-") + pstOpt->cShort;
+    const std::string sWhat = std::string("invalid argument '") + (pcArg != nullptr ? pcArg : "") + "' to";
+    return AppUsageError(stInfo, sWhat.c_str(), sName.c_str(), pstOpt->pcAllowed);
 }
 
 // Parses argv with getopt_long. Returns -1 when the program is to run on,
 // otherwise the status to exit with: 0 after --help or --version, 2 after a
 // bad option, a missing or refused argument, or a word that is no option.
 // pfnOnOption(key, argument) is called for every option of the table in the
-// order of the command line.
+// order of the command line; the log options go to *pstLog.
 template <typename OnOption>
-int AppParseOptions(int argc, char **argv, const AppInfo &stInfo, OnOption pfnOnOption)
+int AppParseOptions(int argc, char **argv, const AppInfo &stInfo, AppLogChoice *pstLog, OnOption pfnOnOption)
 {
-    constexpr int kHelp = kAppLongOnly - 1;
-    constexpr int kVersion = kAppLongOnly - 2;
     std::vector<struct option> longopts;
-    std::string shortopts = ":";  // a missing argument comes back as ':'
-    for (size_t i = 0; i < stInfo.ulOptionNum; i++) {
-        const AppOption &stOpt = stInfo.pstOptions[i];
-        int lHasArg = stOpt.pcArg != nullptr ? required_argument : no_argument;
-        int lKey = stOpt.cShort != 0 ? stOpt.cShort : kAppLongOnly + static_cast<int>(i);
-        longopts.push_back({stOpt.pcLong, lHasArg, nullptr, lKey});
-        if (stOpt.cShort != 0)
-            shortopts += std::string(1, stOpt.cShort) + (lHasArg == required_argument ? ":" : "");
-    }
-    longopts.push_back({"help", no_argument, nullptr, kHelp});
-    longopts.push_back({"version", no_argument, nullptr, kVersion});
-    longopts.push_back({nullptr, 0, nullptr, 0});
-
+    std::string shortopts;
+    AppMakeOptionTables(stInfo, &longopts, &shortopts);
     opterr = 0;
     optind = 1;
     for (;;) {
@@ -141,11 +221,11 @@ int AppParseOptions(int argc, char **argv, const AppInfo &stInfo, OnOption pfnOn
             break;
         // The word that getopt looked at; for a cluster of letters, the cluster.
         const char *pcWord = argv[optind > lPrev ? optind - 1 : lPrev];
-        if (lKey == kHelp) {
+        if (lKey == kAppKeyHelp) {
             AppPrintUsage(stInfo);
             return 0;
         }
-        if (lKey == kVersion) {
+        if (lKey == kAppKeyVersion) {
             std::printf("%s %s\n", stInfo.pcName, IBP_VERSION_STRING);
             return 0;
         }
@@ -156,12 +236,11 @@ int AppParseOptions(int argc, char **argv, const AppInfo &stInfo, OnOption pfnOn
         }
         if (lKey == ':')
             return AppUsageError(stInfo, "missing argument to", pcWord);
-        if (!pfnOnOption(lKey, optarg)) {
-            std::string what = std::string("invalid argument '") + (optarg != nullptr ? optarg : "") + "' to";
-            std::string name = lKey < kAppLongOnly ? std::string("-") + static_cast<char>(lKey)
-                                                   : std::string("--") + stInfo.pstOptions[lKey - kAppLongOnly].pcLong;
-            return AppUsageError(stInfo, what.c_str(), name.c_str());
-        }
+        const bool bLogKey = lKey >= kAppKeyLogStdout && lKey <= kAppKeyLogDir;
+        // With its argument in a word of its own, the option is the word before.
+        const bool bOwnWord = optarg != nullptr && optind >= 2 && optarg == argv[optind - 1];
+        if (!(bLogKey ? AppTakeLogOption(lKey, optarg, pstLog) : pfnOnOption(lKey, optarg)))
+            return AppRefusedArgument(stInfo, lKey, bOwnWord ? argv[optind - 2] : pcWord, optarg);
     }
     if (optind < argc)
         return AppUsageError(stInfo, "unexpected argument", argv[optind]);
@@ -180,52 +259,6 @@ inline bool AppParseU32(const char *pcText, unsigned long ulMin, unsigned long u
         return false;
     *pulValue = static_cast<unsigned>(ulValue);
     return true;
-}
-
-// True when UDP port usPort on 127.0.0.1 is held by another socket. The
-// library's socket allows a second bind of the same port, so a program
-// asks before it starts the library, with a socket that does not.
-inline bool AppUdpPortInUse(unsigned short usPort)
-{
-    int lSock = socket(AF_INET, SOCK_DGRAM, 0);
-    if (lSock < 0)
-        return false;
-    struct sockaddr_in stAddr {};
-    stAddr.sin_family = AF_INET;
-    stAddr.sin_port = htons(usPort);
-    stAddr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bool bInUse = bind(lSock, reinterpret_cast<struct sockaddr *>(&stAddr), sizeof(stAddr)) != 0 && errno == EADDRINUSE;
-    close(lSock);
-    return bInUse;
-}
-
-// A debug tool process (ibp-dt, ibp-ping) needs the port of "DT" for itself:
-// the answers of the service would otherwise go astray. False, after its
-// line on standard error, when another holds it.
-inline bool AppDebugToolPortFree(const AppInfo &stInfo)
-{
-    const unsigned ulPort = gastProcCfgInfo[1].usSocketPort;  // the row of "DT"
-    if (!AppUdpPortInUse(static_cast<unsigned short>(ulPort)))
-        return true;
-    AppError(stInfo, "UDP port %u on 127.0.0.1 is in use by another debug tool (ibp-dt or ibp-ping); "
-             "let it finish or stop it, then try again", ulPort);
-    return false;
-}
-
-// Starts the library as the service (bIsDt 0) or a debug tool process, every
-// log module at ulLevel, to the files under /var/log or to standard output.
-// False, after its line on standard error, when it did not start.
-inline bool AppStartLibrary(const AppInfo &stInfo, u32 bIsDt, bool bLogStdout, u32 ulLevel)
-{
-    IBP_INIT_S stInit{};
-    stInit.bIsDt = bIsDt;
-    stInit.stLogInit.ulOutputMode = bLogStdout ? LOG_OUTPUT_STDOUT : LOG_OUTPUT_FILE;
-    for (u32 &ulModuleLevel : stInit.stLogInit.aulLevel)
-        ulModuleLevel = ulLevel;
-    if (IBP_Init(&stInit) == 0)
-        return true;
-    AppError(stInfo, "the library did not start; see the records of /var/log/ISP_ALG00.log (or run with --log-stdout)");
-    return false;
 }
 
 #endif  // IBP_APPS_APP_OPTIONS_H

@@ -2,53 +2,53 @@
 // command line against the running service; with -c it runs lines through
 // the same interpreter without a terminal, for scripts and tests.
 //
-//   ibp-dt [--log-stdout] [-c LINE]...
+//   ibp-dt [--bare-keys] [LOG OPTION] [-c LINE]...
 //
 // Exit status with -c: 0, or 1 when a line was Wrong, Ambiguous or
 // Incomplete or was answered "operate fail", or 2 when the service did not
-// answer (the lines behind it are not tried) or the tool could not start.
+// answer (the lines behind it are not tried). 1 as well when the tool could
+// not start, and 2 for a bad command line.
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
 #include <vector>
 
-#include "app_options.h"
+#include "app_start.h"
 #include "debug/isp_cli_priv.h"
 #include "ibp/ibp.h"
 
 namespace {
 
-enum { EXIT_LINE_FAILED = 1, EXIT_NOT_RUN = 2 };
+enum { EXIT_LINE_FAILED = 1, EXIT_NOT_STARTED = 1, EXIT_NO_ANSWER = 2 };
 
 const AppOption kOptions[] = {
     {"command", 'c', "LINE", "run LINE without a terminal and print the answer (repeatable)"},
-    {"log-stdout", 0, nullptr, "log to standard output, not to the files of log module CLI"},
+    {"bare-keys", 0, nullptr, "keys as the library's table has them: 0x7F deletes under the cursor,\n"
+                                          "                           no Delete key, Ctrl-D does nothing"},
 };
 
 const AppInfo kInfo = {
-    "ibp-dt", "[--log-stdout] [-c LINE]...",
+    "ibp-dt", "[--bare-keys] [--log-stdout | --log-stderr | --log-dir DIR] [-c LINE]...",
     "The debug tool: runs the debug commands of a running ibp-isp. Without -c it\n"
     "opens the interactive command line on the terminal: TAB completes or lists,\n"
-    "the arrows edit and recall, a line that begins with \"q\" leaves.",
+    "\"?\" lists, the arrows edit and recall, a line that begins with \"q\" or\n"
+    "Ctrl-D on an empty line leaves.",
     kOptions, sizeof(kOptions) / sizeof(kOptions[0]),
     "Exit status: 0; 1 when a -c line was wrong, ambiguous or incomplete or was\n"
-    "answered \"operate fail\"; 2 when the service did not answer, the tool could\n"
-    "not start, or the command line was bad.\n"};
+    "answered \"operate fail\", or the tool could not start; 2 when the service\n"
+    "did not answer, or the command line was bad.\n"};
 
 struct DT_OPTIONS_S {
-    bool bLogStdout = false;
+    bool bBareKeys = false;
+    AppLogChoice stLog;
     std::vector<const char *> vecLines;
 };
 
 int DT_RunLines(const std::vector<const char *> &vecLines)
 {
-    const unsigned ulIspPort = gastProcCfgInfo[0].usSocketPort;
-    if (CLI_BatchInit() == CLI_RESULT_NO_ANSWER) {
-        AppError(kInfo, "no answer from ibp-isp on 127.0.0.1:%u within %u ms; start ibp-isp first", ulIspPort,
-                 CLI_REQ_TIMEOUT_MS);
-        return EXIT_NOT_RUN;
-    }
+    const MOD_PROC_CFG_S &stIsp = gastProcCfgInfo[kAppRowIsp];
+    CLI_BatchInit();
     int lStatus = 0;
     for (const char *pcLine : vecLines) {
         if (strlen(pcLine) > CLI_LINE_MAX) {
@@ -58,9 +58,10 @@ int DT_RunLines(const std::vector<const char *> &vecLines)
         }
         const CLI_RESULT_E enResult = CLI_BatchLine(pcLine);
         if (enResult == CLI_RESULT_NO_ANSWER) {
-            AppError(kInfo, "no answer to \"%s\" within %u ms; see the records of ibp-isp", pcLine,
-                     CLI_REQ_TIMEOUT_MS);
-            return EXIT_NOT_RUN;
+            AppError(kInfo, "no answer from ibp-isp on %s:%u within %u ms to \"%s\"; check that it runs, then run "
+                     "the line again", stIsp.szSocketAddr, static_cast<unsigned>(stIsp.usSocketPort),
+                     CLI_REQ_TIMEOUT_MS, pcLine);
+            return EXIT_NO_ANSWER;
         }
         if (enResult != CLI_RESULT_DONE)
             lStatus = EXIT_LINE_FAILED;
@@ -68,50 +69,38 @@ int DT_RunLines(const std::vector<const char *> &vecLines)
     return lStatus;
 }
 
-// Whether the tool can talk to the service; if not, it has said why.
-bool DT_CanStart(bool bInteractive)
-{
-    const unsigned ulIspPort = gastProcCfgInfo[0].usSocketPort;
-    if (bInteractive && isatty(STDIN_FILENO) == 0) {
-        AppError(kInfo, "standard input is not a terminal; run the lines with -c LINE instead");
-        return false;
-    }
-    // With no service the prompt would only ever say "Wrong command input!".
-    if (!AppDebugToolPortFree(kInfo))
-        return false;
-    if (!AppUdpPortInUse(static_cast<unsigned short>(ulIspPort))) {
-        AppError(kInfo, "no ibp-isp on 127.0.0.1:%u; start ibp-isp first", ulIspPort);
-        return false;
-    }
-    return true;
-}
-
 }  // namespace
 
 int main(int argc, char **argv)
 {
     DT_OPTIONS_S stOpt;
-    const int lParsed = AppParseOptions(argc, argv, kInfo, [&](int lKey, const char *pcArg) {
+    const int lParsed = AppParseOptions(argc, argv, kInfo, &stOpt.stLog, [&](int lKey, const char *pcArg) {
         if (lKey == 'c')
             stOpt.vecLines.push_back(pcArg);
         else
-            stOpt.bLogStdout = true;
+            stOpt.bBareKeys = true;
         return true;
     });
     if (lParsed >= 0)
         return lParsed;
-    if (!DT_CanStart(stOpt.vecLines.empty()))
-        return EXIT_NOT_RUN;
-
-    if (!AppStartLibrary(kInfo, 1, stOpt.bLogStdout, LOG_LEVEL_INF))
-        return EXIT_NOT_RUN;
+    if (stOpt.vecLines.empty() && isatty(STDIN_FILENO) == 0) {
+        AppError(kInfo, "standard input is not a terminal; run the lines with -c LINE instead");
+        return EXIT_NOT_STARTED;
+    }
+    // Without a service the tool still starts: the first line says so, and
+    // fetches the tree once the service answers.
+    if (!AppClaimPort(kInfo, kAppRowDt) || !AppStartLibrary(kInfo, 1, &stOpt.stLog, LOG_LEVEL_INF))
+        return EXIT_NOT_STARTED;
     // No "DT_CLI" module: the requests go out from this thread, which speaks
     // as the process module of "DT", and nothing is ever sent to the tool.
+    CLI_ToolOn(!stOpt.bBareKeys);
     int lStatus = 0;
     if (!stOpt.vecLines.empty())
         lStatus = DT_RunLines(stOpt.vecLines);
-    else if (ISP_CLI_Init() != 0)
-        lStatus = EXIT_NOT_RUN;
+    else if (ISP_CLI_Init() != 0) {
+        AppError(kInfo, "no memory for the command tree; close other programs and start again");
+        lStatus = EXIT_NOT_STARTED;
+    }
     fflush(stdout);
     MOD_SysDestroy();
     IBP_Destroy();

@@ -4,7 +4,7 @@
 // stats", beside the library's "isp bp ..." commands. Runs until SIGINT or
 // SIGTERM.
 //
-//   ibp-isp [--log-stdout]
+//   ibp-isp [--log-stdout | --log-stderr | --log-dir DIR]
 #include <pthread.h>
 #include <signal.h>
 
@@ -13,7 +13,7 @@
 #include <cstring>
 #include <vector>
 
-#include "app_options.h"
+#include "app_start.h"
 #include "ibp/ibp.h"
 
 namespace {
@@ -71,35 +71,23 @@ u32 RegImgCommands()
     return CMD_RegDisplayCmd(ImgStats, astElem, 2);
 }
 
-const AppOption kOptions[] = {
-    {"log-stdout", 0, nullptr, "log to standard output instead of the files under /var/log"},
-};
-
 const AppInfo kInfo = {
-    "ibp-isp", "[--log-stdout]",
+    "ibp-isp", "[--log-stdout | --log-stderr | --log-dir DIR]",
     "Runs the sample image service: answers every synchronous record sent to its\n"
     "module ISP_IMG and serves the debug commands, until SIGINT or SIGTERM.",
-    kOptions, sizeof(kOptions) / sizeof(kOptions[0]),
+    nullptr, 0,
     "Exit status: 0 stopped by a signal, 1 could not start, 2 bad command line.\n"};
 
 }  // namespace
 
 int main(int argc, char **argv)
 {
-    bool bStdout = false;
-    int lStatus = AppParseOptions(argc, argv, kInfo, [&](int, const char *) {
-        bStdout = true;
-        return true;
-    });
+    AppLogChoice stLog;
+    int lStatus = AppParseOptions(argc, argv, kInfo, &stLog, [](int, const char *) { return false; });
     if (lStatus >= 0)
         return lStatus;
-
-    const unsigned ulPort = gastProcCfgInfo[0].usSocketPort;  // the row of "ISP"
-    if (AppUdpPortInUse(static_cast<unsigned short>(ulPort))) {
-        AppError(kInfo, "UDP port %u on 127.0.0.1 is in use, most likely by another ibp-isp; stop it and start again",
-                 ulPort);
+    if (!AppClaimPort(kInfo, kAppRowIsp))
         return 1;
-    }
 
     // Block the stop signals before any thread exists, so that every thread
     // inherits the mask and main alone takes them with sigwait.
@@ -109,18 +97,19 @@ int main(int argc, char **argv)
     sigaddset(&stStop, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &stStop, nullptr);
 
-    if (!AppStartLibrary(kInfo, 0, bStdout, LOG_LEVEL_INF))
+    if (!AppStartLibrary(kInfo, 0, &stLog, LOG_LEVEL_INF))
         return 1;
     u32 ulModuleID = 0;
     if (MOD_RegModule("ISP_IMG", &ulModuleID) != 0 || MOD_RegMsgProc(ulModuleID, 0, EchoHandler, nullptr) != 0) {
-        AppError(kInfo, "cannot register the module ISP_IMG; see the records of /var/log/ISP_ALG00.log");
+        AppError(kInfo, "cannot register the module ISP_IMG; see the records in %s", AppLogPlace(stLog).c_str());
         MOD_SysDestroy();
         IBP_Destroy();
         return 1;
     }
     if (RegImgCommands() != 0)
         std::fprintf(stderr, "ibp-isp: cannot register the debug command \"isp img stats\"; going on without it\n");
-    std::printf("ibp-isp: serving ISP_IMG (%#x) on 127.0.0.1:%u\n", ulModuleID, ulPort);
+    std::printf("ibp-isp: serving ISP_IMG (%#x) on %s:%u\n", ulModuleID, gastProcCfgInfo[kAppRowIsp].szSocketAddr,
+                static_cast<unsigned>(gastProcCfgInfo[kAppRowIsp].usSocketPort));
     std::fflush(stdout);
 
     int lSig = 0;

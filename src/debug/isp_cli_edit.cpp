@@ -8,6 +8,10 @@
 // cursor), TAB and "?" (end the line and keep it on the prompt), ESC with
 // Up, Down, Right and Left as ESC [ x, ESC O x or ESC x; ESC [ digits ~ is
 // read and does nothing. Every other byte is ignored.
+//
+// With the keys of the ibp-dt program (gstCliTool.bTermKeys) the terminal's
+// own erase character, 0x7F on Linux, is the backspace, ESC [ 3 ~ deletes
+// under the cursor, and Ctrl-D on an empty line leaves.
 #include <fcntl.h>
 #include <poll.h>
 #include <termios.h>
@@ -38,13 +42,14 @@ namespace {
 
 constexpr char kPrompt[] = "[CMD] ";
 constexpr u8 kNoByte = 0xFF;  // what ISP_CLI_NoWaitGetChar gives when nothing waits
+constexpr u8 kCtrlD = 0x04;
 
 // Null while the user types at the end of the line; otherwise the place of
 // the cursor in gszLineBuf, which may be the end. The line is kept
 // terminated at all times, so its end is always strlen away.
 char *pcCursor = nullptr;
 
-enum class CliKey : u8 { kIgnore = 0, kEnter, kBackspace, kDelete, kEndKeep, kEscape, kPrintable };
+enum class CliKey : u8 { kIgnore = 0, kEnter, kBackspace, kDelete, kEndKeep, kEscape, kPrintable, kLeave };
 
 constexpr std::array<CliKey, 256> CLI_MakeKeyTable()
 {
@@ -61,6 +66,18 @@ constexpr std::array<CliKey, 256> CLI_MakeKeyTable()
 }
 
 constexpr std::array<CliKey, 256> kKeyTable = CLI_MakeKeyTable();
+
+// The key table, or with the tool's keys the terminal's erase character as
+// the backspace (where the table has no other use for the byte) and Ctrl-D.
+CliKey CLI_KeyOf(u8 ucByte)
+{
+    if (!gstCliTool.bTermKeys)
+        return kKeyTable[ucByte];
+    const bool bFree = kKeyTable[ucByte] == CliKey::kIgnore || kKeyTable[ucByte] == CliKey::kDelete;
+    if (ucByte == gstCliTool.ucEraseKey && ucByte != 0 && bFree)
+        return CliKey::kBackspace;
+    return ucByte == kCtrlD ? CliKey::kLeave : kKeyTable[ucByte];
+}
 
 size_t CLI_LineLen() { return strlen(gszLineBuf); }
 char *CLI_LineEnd() { return gszLineBuf + CLI_LineLen(); }
@@ -100,7 +117,7 @@ void CLI_OnPrintable(char cKey)
 {
     const size_t ulLen = CLI_LineLen();
     if (ulLen >= CLI_LINE_MAX) {
-        CLI_ERR("out of max cmd buff");
+        CLI_LineFull();
         return;
     }
     if (pcCursor == nullptr) {
@@ -153,7 +170,7 @@ void CLI_OnEndKeep(char cKey)
 {
     const size_t ulLen = CLI_LineLen();
     if (ulLen >= CLI_LINE_MAX) {
-        CLI_ERR("out of max cmd buff");
+        CLI_LineFull();
         return;
     }
     ungetc('\r', stdin);
@@ -192,6 +209,8 @@ void CLI_OnEscape()
         const u8 ucNext = ISP_CLI_NoWaitGetChar();
         if (ucNext >= '0' && ucNext <= '9')
             (void)ISP_CLI_NoWaitGetChar();
+        if (gstCliTool.bTermKeys && ucKey == '3' && ucNext == '~')  // the Delete key
+            CLI_OnDelete();
         return;
     }
     switch (ucKey) {
@@ -333,13 +352,17 @@ bool ISP_CLI_Getline()
         if (lKey == EOF)
             return false;
         const char cKey = static_cast<char>(lKey);
-        switch (kKeyTable[static_cast<u8>(lKey)]) {
+        switch (CLI_KeyOf(static_cast<u8>(lKey))) {
         case CliKey::kEnter: CLI_OnEnter(); return true;
         case CliKey::kBackspace: CLI_OnBackspace(); break;
         case CliKey::kDelete: CLI_OnDelete(); break;
         case CliKey::kEndKeep: CLI_OnEndKeep(cKey); break;
         case CliKey::kEscape: CLI_OnEscape(); break;
         case CliKey::kPrintable: CLI_OnPrintable(cKey); break;
+        case CliKey::kLeave:
+            if (CLI_LineLen() == 0)
+                return false;
+            break;
         case CliKey::kIgnore: break;
         }
     }
@@ -351,17 +374,26 @@ void CLI_Loop()
 {
     // Only the first byte counts: every command begins with "isp", so a
     // line that begins with "q" can mean nothing but leaving.
-    while (ISP_CLI_Getline() && ISP_strncmp(gszLineBuf, "quit", 1) != 0)
-        ISP_CLI_MainProcess();
+    while (ISP_CLI_Getline() && ISP_strncmp(gszLineBuf, "quit", 1) != 0) {
+        if (gstCliTool.bOn)
+            (void)CLI_ToolLine();
+        else
+            ISP_CLI_MainProcess();
+    }
 }
 
 void ISP_CLI_Run()
 {
-    // Without a tree the loop still runs, and no word matches.
-    (void)ISP_CLI_ExecuteCmd(CMD_MSG_GET_TREE, "");
+    // Without a tree the loop still runs, and no word matches; with the
+    // tool's ways the next line fetches it again.
+    if (gstCliTool.bOn)
+        (void)CLI_ToolFetchTree();
+    else
+        (void)ISP_CLI_ExecuteCmd(CMD_MSG_GET_TREE, "");
     const int lFd = fileno(stdin);
     termios stSaved{};
     (void)tcgetattr(lFd, &stSaved);
+    gstCliTool.ucEraseKey = stSaved.c_cc[VERASE] != _POSIX_VDISABLE ? stSaved.c_cc[VERASE] : 0;
     termios stRaw = stSaved;
     cfmakeraw(&stRaw);
     stRaw.c_oflag |= OPOST;  // the terminal still turns LF into CR LF

@@ -4,9 +4,11 @@
 //
 // The matcher answers with a status; the walk knows the word at fault; one
 // renderer turns both into the caret line and the text of the report.
+#include <algorithm>
 #include <cctype>
 #include <cstdio>
 #include <cstring>
+#include <string>
 
 #include "debug/isp_cli_priv.h"
 #include "ibp/isp_log.h"
@@ -219,7 +221,7 @@ void CLI_CompleteInPlace(u32 ulStart, const char *pcTitle)
     const size_t ulTitle = strlen(pcTitle);
     // The completed word and its blank must still fit the line.
     if (ulStart + ulTitle + 1 > CLI_LINE_MAX) {
-        CLI_ERR("out of max cmd buff");
+        CLI_LineFull();
         return;
     }
     memcpy(gszLineBuf + ulStart, pcTitle, ulTitle);
@@ -229,14 +231,29 @@ void CLI_CompleteInPlace(u32 ulStart, const char *pcTitle)
 
 enum class CliTab : u8 { kDone, kRun };
 
+// A help row: the title padded to 16 columns, then the help.
+void CLI_PrintHelpRow(const char *pcTitle, const char *pcHelp)
+{
+    std::string sRow = CLI_ServiceText(pcTitle);
+    sRow.resize(std::max<size_t>(sRow.size(), 16), ' ');
+    CLI_Write((sRow + " " + CLI_ServiceText(pcHelp) + "\n").c_str());
+}
+
 // TAB at the end of word ulIdx: complete a single title in place, or list
-// the candidates; behind a complete line TAB runs it as Enter would.
-CliTab CLI_Complete(CLI_NODE_S *pstCur, const CLI_WORDS_S *pstWords, u32 ulIdx)
+// the candidates; behind a complete line TAB runs it as Enter would. With
+// bListOnly ("?" of the tool's ways) it always lists, and runs nothing.
+CliTab CLI_Complete(CLI_NODE_S *pstCur, const CLI_WORDS_S *pstWords, u32 ulIdx, bool bListOnly)
 {
     const char *pcWord = pstWords->acCmdArgv[ulIdx];
     const size_t ulPrefix = strlen(pcWord) - 1;
-    if (pstCur != nullptr && ISP_CLI_IsCompleteCmdLine(pstCur) == 1)
-        return ulPrefix == 0 ? CliTab::kRun : CliTab::kDone;
+    if (pstCur != nullptr && ISP_CLI_IsCompleteCmdLine(pstCur) == 1) {
+        if (!bListOnly)
+            return ulPrefix == 0 ? CliTab::kRun : CliTab::kDone;
+        CLI_Puts("\r");
+        CLI_PrintHelpRow("<Enter>", "runs the line");
+        CLI_Puts("\r");
+        return CliTab::kDone;
+    }
     // Parameter nodes count by their titles here: no typed value is taken.
     auto Fits = [&](const CLI_NODE_S *pstNode) {
         return CLI_IsCandidate(pstNode) && ISP_strncmp(pstNode->szTitle, pcWord, ulPrefix) == 0;
@@ -251,14 +268,17 @@ CliTab CLI_Complete(CLI_NODE_S *pstCur, const CLI_WORDS_S *pstWords, u32 ulIdx)
     });
     if (ulNum == 0)
         return CliTab::kDone;
-    if (ulNum == 1 && pstHit->enParamType == CMD_PARAM_TITLE) {
+    // A title that would not be written as it stands is listed, not put
+    // into the line, whose echo is not made visible.
+    if (ulNum == 1 && pstHit->enParamType == CMD_PARAM_TITLE && !bListOnly &&
+        CLI_ServiceText(pstHit->szTitle) == pstHit->szTitle) {
         CLI_CompleteInPlace(pstWords->aulStart[ulIdx], pstHit->szTitle);
         return CliTab::kDone;
     }
     CLI_Puts("\r");
     CLI_ForEachOnRing(pstCur, [&](CLI_NODE_S *pstNode) {
         if (Fits(pstNode))
-            CLI_Printf("%-16s %s\n", pstNode->szTitle, pstNode->szHelp);
+            CLI_PrintHelpRow(pstNode->szTitle, pstNode->szHelp);
     });
     CLI_Puts("\r");
     return CliTab::kDone;
@@ -288,7 +308,20 @@ CLI_RESULT_E CLI_RunCommand(char *pcFullCmd, size_t ulCap)
     return CLI_Request(CMD_MSG_EXEC_CMD, pcFullCmd);
 }
 
-CLI_RESULT_E CLI_Walk(const CLI_WORDS_S *pstWords)
+// Turns the "?" that ends the line and its last word into TAB; false when
+// the words stopped short of the line's end (more than 20 of them).
+bool CLI_ListOnLastWord(CLI_WORDS_S *pstWords)
+{
+    const u32 ulLast = pstWords->ulCmdArgc - 1;
+    char *pcWord = pstWords->acCmdArgv[ulLast];
+    const size_t ulWordLen = strlen(pcWord);
+    if (pstWords->aulStart[ulLast] + ulWordLen != strlen(gszLineBuf))
+        return false;
+    pcWord[ulWordLen - 1] = '\t';
+    return true;
+}
+
+CLI_RESULT_E CLI_Walk(const CLI_WORDS_S *pstWords, bool bListOnly)
 {
     char szFullCmd[CMD_FULL_CMD_LEN] = "<";
     memset(gszExtendParam, 0, sizeof(gszExtendParam));
@@ -296,7 +329,7 @@ CLI_RESULT_E CLI_Walk(const CLI_WORDS_S *pstWords)
     for (u32 i = 0; i < pstWords->ulCmdArgc; i++) {
         const char *pcWord = pstWords->acCmdArgv[i];
         if (pcWord[strlen(pcWord) - 1] == '\t') {
-            if (CLI_Complete(pstCur, pstWords, i) == CliTab::kDone)
+            if (CLI_Complete(pstCur, pstWords, i, bListOnly) == CliTab::kDone)
                 return CLI_RESULT_DONE;
             break;
         }
@@ -320,26 +353,40 @@ CLI_RESULT_E CLI_Walk(const CLI_WORDS_S *pstWords)
 
 }  // namespace
 
+bool CLI_IsKeptLine()
+{
+    const size_t ulLen = strlen(gszLineBuf);
+    return ulLen != 0 && CLI_IsKeepByte(gszLineBuf[ulLen - 1]);
+}
+
+void CLI_FinishLine(bool bKeepLine)
+{
+    // A kept line stays on the prompt without its TAB or "?"; a completion
+    // may have changed it and then ends in a blank.
+    const size_t ulLen = strlen(gszLineBuf);
+    if (!bKeepLine)
+        gszLineBuf[0] = '\0';
+    else if (ulLen != 0 && CLI_IsKeepByte(gszLineBuf[ulLen - 1]))
+        gszLineBuf[ulLen - 1] = '\0';
+}
+
 CLI_RESULT_E CLI_ProcessLine()
 {
-    size_t ulLen = strlen(gszLineBuf);
-    const bool bKeepLine = ulLen != 0 && CLI_IsKeepByte(gszLineBuf[ulLen - 1]);
+    const bool bKeepLine = CLI_IsKeptLine();
     CLI_WORDS_S stWords{};
     CLI_SplitWords(gszLineBuf, &stWords);
+    // With the tool's ways a "?" that ends the line lists what may stand
+    // there, as TAB does, instead of being taken as a word.
+    const bool bListOnly = gstCliTool.bOn && bKeepLine && gszLineBuf[strlen(gszLineBuf) - 1] == '?' &&
+                           stWords.ulCmdArgc != 0 && CLI_ListOnLastWord(&stWords);
     CLI_RESULT_E enResult = CLI_RESULT_DONE;
     if (stWords.ulCmdArgc == 0) {
         CLI_Printf("\n%s", gszSysPrompt);
         CLI_ERR("ulCmdArgc = 0");
     } else {
-        enResult = CLI_Walk(&stWords);
+        enResult = CLI_Walk(&stWords, bListOnly);
     }
-    // A kept line stays on the prompt without its TAB or "?"; a completion
-    // may have changed it and then ends in a blank.
-    ulLen = strlen(gszLineBuf);
-    if (!bKeepLine)
-        gszLineBuf[0] = '\0';
-    else if (ulLen != 0 && CLI_IsKeepByte(gszLineBuf[ulLen - 1]))
-        gszLineBuf[ulLen - 1] = '\0';
+    CLI_FinishLine(bKeepLine);
     return enResult;
 }
 
@@ -349,7 +396,7 @@ void ISP_CLI_PrintWrongCmd(u32 ulWordIdx) { (void)CLI_PrintReport(CliReport::kWr
 
 // ---------------------------------------------------------------- lines without a terminal
 
-CLI_RESULT_E CLI_BatchInit()
+void CLI_BatchInit()
 {
     CLI_SetBatchOutput(true);
     gulDestModuleID = MOD_ID_ISP_CMD;
@@ -357,8 +404,6 @@ CLI_RESULT_E CLI_BatchInit()
     gszSysPrompt[0] = '\0';
     memset(gszLineBuf, 0, sizeof(gszLineBuf));
     CLI_ResetTree();
-    CLI_StartBatchLine();
-    return CLI_Request(CMD_MSG_GET_TREE, "");
 }
 
 CLI_RESULT_E CLI_BatchLine(const char *pcLine)
@@ -369,7 +414,7 @@ CLI_RESULT_E CLI_BatchLine(const char *pcLine)
         return CLI_RESULT_WRONG;
     }
     ISP_snprintf(gszLineBuf, sizeof(gszLineBuf), "%s", pcLine);
-    const CLI_RESULT_E enResult = CLI_ProcessLine();
+    const CLI_RESULT_E enResult = gstCliTool.bOn ? CLI_ToolLine() : CLI_ProcessLine();
     if (gszLineBuf[0] != '\0') {  // kept for editing: show what completion made of it
         CLI_Puts(gszLineBuf);
         gszLineBuf[0] = '\0';

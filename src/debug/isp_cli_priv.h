@@ -1,8 +1,11 @@
 // Inside the command line of the debug tool: the tree copy and the requests
 // (isp_cli_tree.cpp), the editor and main loop (isp_cli_edit.cpp), the
-// interpreter (isp_cli_interp.cpp). All of it runs on the one thread that
-// called ISP_CLI_Init, or that runs lines without a terminal; nothing is locked.
+// interpreter (isp_cli_interp.cpp), and the ways of the ibp-dt program on top
+// of them (isp_cli_tool.cpp). All of it runs on the one thread that called
+// ISP_CLI_Init, or that runs lines without a terminal; nothing is locked.
 #pragma once
+
+#include <string>
 
 #include "ibp/isp_cli.h"
 #include "log/log_internal.h"
@@ -63,7 +66,8 @@ CLI_NODE_S *CLI_FirstChild(const CLI_NODE_S *pstNode);
 // ---------------------------------------------------------------- editor and main loop
 void ISP_CLI_Run();
 // Reads one line into gszLineBuf. False when standard input has ended (the
-// terminal went away or the input was closed): the caller leaves.
+// terminal went away or the input was closed), or on Ctrl-D at an empty line
+// with the tool's keys: the caller leaves.
 bool ISP_CLI_Getline();
 void ISP_CLI_SaveHistroyCmd();
 void ISP_CLI_ShowHistroyCmd(CLI_HIST_DIR_E enDir);
@@ -77,13 +81,42 @@ void CLI_Loop();
 // ---------------------------------------------------------------- interpreter
 void ISP_CLI_MainProcess();
 CLI_RESULT_E CLI_ProcessLine();
+// The end of a handled line: cleared, or, when its last byte was TAB or
+// "?", kept for editing without that byte.
+void CLI_FinishLine(bool bKeepLine);
+bool CLI_IsKeptLine();
 void ISP_CLI_PrintWrongCmd(u32 ulWordIdx);
 
+// ---------------------------------------------------------------- the ways of the ibp-dt program
+// ibp-dt turns these on for its user. The library's own calls keep the key
+// table and the output of the command line as they are without them.
+struct CLI_TOOL_S {
+    bool bOn;        // service text made visible, "?" lists, a silent service is said, the tree fetched again, bell
+    bool bTermKeys;  // the terminal's erase key erases, ESC [ 3 ~ deletes, Ctrl-D on an empty line leaves
+    u8 ucEraseKey;   // the terminal's erase character (tcgetattr), 0 for none
+};
+extern CLI_TOOL_S gstCliTool;
+
+void CLI_ToolOn(bool bTermKeys);
+// Text from the service as it is to be written: with the tool's ways, control
+// characters other than LF and TAB made visible (^[ for ESC, \x9b for C1).
+std::string CLI_ServiceText(const char *pcText);
+void CLI_WriteService(const char *pcText);
+// A line that cannot take another byte: the record, and with the tool's ways
+// the terminal's bell.
+void CLI_LineFull();
+// Fetches the tree; a service that does not answer is said on the terminal.
+CLI_RESULT_E CLI_ToolFetchTree();
+// One finished line: first the tree, when there is none or a request has
+// failed since it came, then the interpreter.
+CLI_RESULT_E CLI_ToolLine();
+
 // ---------------------------------------------------------------- lines without a terminal
-// Sets up the roots and fetches the tree; CLI_RESULT_NO_ANSWER if the
-// service is not there.
-CLI_RESULT_E CLI_BatchInit();
+// Output without a terminal, no prompt, fresh empty roots; the first line
+// fetches the tree (with the tool's ways; see CLI_ToolLine).
+void CLI_BatchInit();
 // One line, at most CLI_LINE_MAX characters (longer ones are refused with
-// CLI_RESULT_WRONG), through the interpreter. A line kept for editing (TAB
-// or "?" at its end) is printed as it stands afterwards.
+// CLI_RESULT_WRONG), through the interpreter, or CLI_ToolLine with the tool's
+// ways. A line kept for editing (TAB or "?" at its end) is printed as it
+// stands afterwards.
 CLI_RESULT_E CLI_BatchLine(const char *pcLine);

@@ -419,7 +419,7 @@ CLI_RESULT_E CLI_Request(u32 ulMsgID, const char *pcCmd)
     }
     if (ulMsgID == CMD_MSG_EXEC_CMD) {
         CLI_Write("\r\n");
-        CLI_Write(pcText.get());
+        CLI_WriteService(pcText.get());
         CLI_Write("\n");
         return CLI_RESULT_DONE;
     }

@@ -1,5 +1,6 @@
 # The programs of apps/: the command-line conventions, for every program that
-# is built (a new one is covered the day it lands), and the errors that stop
+# is built (a new one is covered the day it lands), with the arguments that a
+# program of its own refuses (data/usage_NAME.txt), and the errors that stop
 # the two sample programs.
 if(IBP_BUILD_APPS)
     file(GLOB IBP_TEST_APP_SOURCES CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/apps/*.cpp)
@@ -17,3 +18,4 @@ if(IBP_BUILD_APPS)
         set_tests_properties(app_stop_errors PROPERTIES TIMEOUT 60)
     endif()
 endif()
+

@@ -22,15 +22,36 @@ inline std::string ReadData(const std::string &name)
     return all.str();
 }
 
-// "\n", "\t", "\0" and "\\" as the bytes they stand for.
+// "\n", "\t", "\r", "\0", "\e" (ESC), "\a" (BEL), "\xNN" and "\\" as the bytes they stand for.
 inline std::string Unescape(const std::string &s)
 {
+    static const std::string kFrom = "ntr0ea", kTo = std::string("\n\t\r\0\x1b\a", 6);
     std::string out;
     for (size_t i = 0; i < s.size(); i++) {
         const char c = s[i] == '\\' && i + 1 < s.size() ? s[++i] : '\\';
-        out += c == '\\' ? s[i] : c == 'n' ? '\n' : c == 't' ? '\t' : c == '0' ? '\0' : c;
+        if (c == 'x' && i + 2 < s.size() + 1)
+            out += static_cast<char>(std::stoi(s.substr(i + 1, 2), nullptr, 16)), i += 2;
+        else
+            out += c == '\\' ? s[i] : kFrom.find(c) != std::string::npos ? kTo[kFrom.find(c)] : c;
     }
     return out;
+}
+
+// The parts of s between the separators.
+inline std::vector<std::string> Split(const std::string &s, char cSep)
+{
+    std::vector<std::string> parts;
+    for (std::istringstream in(s); std::getline(in, parts.emplace_back(), cSep);) {
+    }
+    return parts.pop_back(), parts;
+}
+
+// The synchronous ack that a played service sends for the request `req`.
+inline Bytes AckTo(const Bytes &req, const std::string &sBody)
+{
+    const auto *h = reinterpret_cast<const MSG_HDR_S *>(req.data());
+    return MakeBlock(MSG_TYPE_SYNC_ACK, h->ulMsgID, h->ulDstModuleID, h->ulSrcModuleID, h->ulDstProcID,
+                     h->ulSrcProcID, sBody, h->ulAssMsgID);
 }
 
 // One request to the command service from the calling thread; the answer,

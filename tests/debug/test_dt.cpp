@@ -1,7 +1,11 @@
 // ibp-dt as its user meets it: transcripts (keys in, screen out) typed into a
 // pseudo-terminal, -c lines and their exit statuses, and the first request on
 // the wire; against a real ibp-isp, none, or a service that the test plays.
+// And the programs side by side: of two started at the same moment on one
+// port exactly one runs; ibp-ping says what fails while it fails and gives
+// its figures when a signal stops it.
 #include <fcntl.h>
+#include <fnmatch.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <pty.h>
@@ -11,6 +15,8 @@
 #include <array>
 #include <filesystem>
 #include <map>
+#include <memory>
+#include <optional>
 
 #include "debug/cmd_util.h"
 
@@ -28,8 +34,11 @@ std::string ReadAll(int fd, std::string s = "")  // to the end, or to EAGAIN
 }
 
 // A program of the build, under the emulator if there is one, with fds[i] as
-// its descriptor i; lKeep stays open in it and so ends with it.
-pid_t Start(const char *pcProg, std::vector<std::string> vecArgs, std::array<int, 3> fds, int lKeep = -1)
+// its descriptor i; lKeep stays open in it and so ends with it. With lGate
+// it waits for a byte from that pipe first, so that programs behind one gate
+// start at the same moment.
+pid_t Start(const char *pcProg, std::vector<std::string> vecArgs, std::array<int, 3> fds, int lKeep = -1,
+            int lGate = -1)
 {
     vecArgs.insert(vecArgs.begin(), Env(pcProg));
     if (!Env("IBP_EMULATOR").empty())
@@ -45,6 +54,8 @@ pid_t Start(const char *pcProg, std::vector<std::string> vecArgs, std::array<int
             dup2(fds[i], i);
         if (lKeep >= 0)
             fcntl(lKeep, F_SETFD, 0);
+        for (char c; lGate >= 0 && read(lGate, &c, 1) < 0 && errno == EINTR;) {
+        }
         execv(argv[0], argv.data());
         _exit(127);
     }
@@ -110,11 +121,12 @@ std::string Render(const std::string &sOut)
     return s;
 }
 
-// Keys as a .keys file writes them: \r \t \e (ESC) \b (BS) \d (DEL) \\; the file's line ends are no keys.
+// Keys as a .keys file writes them: \r \t \e (ESC) \b (BS) \d (DEL) \D (Ctrl-D) \\; the file's line
+// ends are no keys.
 std::string Keys(const std::string &sText)
 {
-    static const std::map<char, char> kEsc = {{'r', '\r'},  {'t', '\t'},    {'e', '\x1b'},
-                                              {'b', '\b'},  {'d', '\x7f'}, {'\\', '\\'}};
+    static const std::map<char, char> kEsc = {{'r', '\r'}, {'t', '\t'},    {'e', '\x1b'}, {'b', '\b'},
+                                              {'d', '\x7f'}, {'D', '\x04'}, {'\\', '\\'}};
     std::string s;
     for (size_t i = 0; i < sText.size(); i++)
         if (sText[i] != '\n')
@@ -122,17 +134,49 @@ std::string Keys(const std::string &sText)
     return s;
 }
 
+// A service that the test plays on 127.0.0.1:7001, by a script of one line
+// per request, in order: "tree FILE" (a data file) or "cmd TEXT", C escapes
+// read, or "-" in place of FILE or TEXT for a request left unanswered.
+struct Played {
+    std::vector<std::optional<std::string>> answers;
+    int fd = -1;
+};
+
+Played ReadScript(const std::string &sName)
+{
+    Played p;
+    std::istringstream in(ReadData(sName));
+    for (std::string sKind, sArg; in >> sKind && std::getline(in >> std::ws, sArg);)
+        p.answers.push_back(sArg == "-" ? std::nullopt
+                                        : std::optional(Unescape(sKind == "tree" ? ReadData(sArg) : sArg)));
+    return p;
+}
+
 struct Session {
     std::string sScreen;
     int lStatus = -1;
-    bool bRestored = false;           // the terminal settings are those from before
-    std::vector<Bytes> datagrams;     // what the played service got
+    bool bRestored = false;        // the terminal settings are those from before
+    std::vector<Bytes> datagrams;  // what the played service got
 };
 
-// Types `sKeys` into ibp-dt on a pseudo-terminal once its prompt shows, then
-// hangs up if asked to. With a tree text the test plays the service: the tree
-// request gets the text, every other request "operate success".
-Session Type(const std::string &sKeys, const std::string *psTree = nullptr, bool bHangUp = false)
+// The played service's turn: the next line of its script for a datagram.
+void Answer(Played *pPlay, Session *pS)
+{
+    Bytes &b = pS->datagrams.emplace_back(8192);
+    b.resize(std::max<ssize_t>(recv(pPlay->fd, b.data(), b.size(), 0), MSG_HDR_LEN));
+    const sockaddr_in dt = {AF_INET, htons(7002), {htonl(INADDR_LOOPBACK)}, {}};
+    const size_t i = pS->datagrams.size() - 1;  // beyond the script: unanswered
+    if (i < pPlay->answers.size() && pPlay->answers[i]) {
+        const Bytes ack = AckTo(b, *pPlay->answers[i]);
+        sendto(pPlay->fd, ack.data(), ack.size(), 0, reinterpret_cast<const sockaddr *>(&dt), sizeof(dt));
+    }
+}
+
+// Runs ibp-dt with vecArgs on a pseudo-terminal whose erase character is
+// 0x7F, types `sKeys` once its prompt shows, then hangs up if asked to. With
+// a script the test plays the service.
+Session Type(const std::string &sKeys, const std::vector<std::string> &vecArgs = {}, Played *pPlay = nullptr,
+             bool bHangUp = false)
 {
     Session s;
     int lMaster = -1, lSlave = -1, ex[2];
@@ -141,12 +185,13 @@ Session Type(const std::string &sKeys, const std::string *psTree = nullptr, bool
     fcntl(lMaster, F_SETFL, O_NONBLOCK);
     fcntl(lMaster, F_SETFD, FD_CLOEXEC), fcntl(lSlave, F_SETFD, FD_CLOEXEC);  // the tool gets the slave as 0, 1, 2 only
     tcgetattr(lSlave, &before);
-    const int lUdp = psTree != nullptr ? socket(AF_INET, SOCK_DGRAM, 0) : -1;
+    before.c_cc[VERASE] = 0x7f;
+    tcsetattr(lSlave, TCSANOW, &before);
+    const int lUdp = pPlay != nullptr ? pPlay->fd = socket(AF_INET, SOCK_DGRAM, 0) : -1;
     const sockaddr_in isp = {AF_INET, htons(7001), {htonl(INADDR_LOOPBACK)}, {}};
-    const sockaddr_in dt = {AF_INET, htons(7002), isp.sin_addr, {}};
     EXPECT_TRUE(lUdp < 0 || bind(lUdp, reinterpret_cast<const sockaddr *>(&isp), sizeof(isp)) == 0);
     pipe2(ex, O_CLOEXEC);  // reaches its end when the tool ends
-    const pid_t pid = Start("IBP_DT", {}, {lSlave, lSlave, lSlave}, ex[1]);
+    const pid_t pid = Start("IBP_DT", vecArgs, {lSlave, lSlave, lSlave}, ex[1]);
     close(ex[1]);
     std::string sOut;
     for (pollfd p[3] = {{ex[0], POLLIN, 0}, {lMaster, POLLIN, 0}, {lUdp, POLLIN, 0}}; p[0].revents == 0;) {
@@ -163,15 +208,8 @@ Session Type(const std::string &sKeys, const std::string *psTree = nullptr, bool
             if (bHangUp)
                 close(lMaster), lMaster = p[1].fd = -1;
         }
-        if ((p[2].revents & POLLIN) != 0) {
-            Bytes &b = s.datagrams.emplace_back(8192);
-            b.resize(std::max<ssize_t>(recv(lUdp, b.data(), b.size(), 0), MSG_HDR_LEN));
-            const auto *h = reinterpret_cast<const MSG_HDR_S *>(b.data());
-            const std::string sAnswer = h->ulMsgID == 0x10001 ? *psTree : "operate success";
-            const Bytes ack = MakeBlock(MSG_TYPE_SYNC_ACK, h->ulMsgID, h->ulDstModuleID, h->ulSrcModuleID,
-                                        h->ulDstProcID, h->ulSrcProcID, sAnswer, h->ulAssMsgID);
-            sendto(lUdp, ack.data(), ack.size(), 0, reinterpret_cast<const sockaddr *>(&dt), sizeof(dt));
-        }
+        if ((p[2].revents & POLLIN) != 0)
+            Answer(pPlay, &s);
     }
     s.sScreen = Render(ReadAll(lMaster, sOut));
     s.lStatus = Wait(pid);
@@ -182,33 +220,82 @@ Session Type(const std::string &sKeys, const std::string *psTree = nullptr, bool
     return s;
 }
 
+// Each transcript NAME: NAME.keys typed, NAME.screen seen, with the options
+// of NAME.args (one a line) if there is such a file, and against the service
+// that NAME.service plays if there is one, otherwise the real ibp-isp.
+void PlayTranscripts(bool bPlayed)
+{
+    const std::string sDir = std::string(IBP_TEST_DATA_DIR) + "/debug/data/transcripts";
+    for (const auto &e : std::filesystem::directory_iterator(sDir)) {
+        const std::string sName = "transcripts/" + e.path().stem().string();
+        if (e.path().extension() != ".keys" || std::filesystem::exists(sDir + "/../" + sName + ".service") != bPlayed)
+            continue;
+        SCOPED_TRACE(sName);
+        const std::vector<std::string> vecArgs = Split(ReadData(sName + ".args"), '\n');
+        Played play = bPlayed ? ReadScript(sName + ".service") : Played{};
+        const Session s = Type(Keys(ReadData(sName + ".keys")), vecArgs, bPlayed ? &play : nullptr);
+        EXPECT_EQ(ReadData(sName + ".screen"), s.sScreen);
+        EXPECT_EQ(s.lStatus, 0);
+        EXPECT_TRUE(s.bRestored);
+    }
+}
+
+// Rows of a data file, columns split at "|" after C escapes.
+std::vector<std::vector<std::string>> Rows(const std::string &sName)
+{
+    std::vector<std::vector<std::string>> rows;
+    for (const std::string &sLine : Split(ReadData(sName), '\n'))
+        if (!sLine.empty() && sLine[0] != '#')
+            rows.push_back(Split(Unescape(sLine) + "|", '|'));  // an empty last column too
+    return rows;
+}
+
+// A program on a pseudo-terminal of its own, started behind a gate if there
+// is one, from a row: program, arguments, what it shows once it runs, ...;
+// its output, and whether it ended (its terminal hangs up).
+struct OnPty {
+    std::vector<std::string> row;
+    pid_t pid = -1;
+    int lMaster = -1;
+    std::string sOut;
+    bool bEnded = false;
+    OnPty(const std::vector<std::string> &stRow, int lGate) : row(stRow)
+    {
+        int lSlave = -1;
+        openpty(&lMaster, &lSlave, nullptr, nullptr, nullptr);
+        fcntl(lMaster, F_SETFD, FD_CLOEXEC), fcntl(lSlave, F_SETFD, FD_CLOEXEC);
+        pid = Start(row[0].c_str(), Split(row[1], ';'), {lSlave, lSlave, lSlave}, -1, lGate);
+        close(lSlave);
+    }
+    ~OnPty() { close(lMaster); }
+    bool Runs() const { return sOut.find(row[2]) != std::string::npos; }
+    void Read()
+    {
+        char ac[512];
+        const ssize_t n = read(lMaster, ac, sizeof(ac));
+        bEnded |= n <= 0;
+        sOut.append(ac, std::max<ssize_t>(n, 0));
+    }
+};
+
 }  // namespace
 
 TEST(DebugTool, TranscriptsInAPseudoTerminal)
 {
     IBP_REQUIRE_ISOLATION();
+    PlayTranscripts(true);
     Service isp;
     ASSERT_TRUE(isp.Ready());
-    const std::string sDir = std::string(IBP_TEST_DATA_DIR) + "/debug/data/transcripts";
-    for (const auto &e : std::filesystem::directory_iterator(sDir)) {
-        const std::string sName = "transcripts/" + e.path().stem().string();
-        if (e.path().extension() != ".keys")
-            continue;
-        SCOPED_TRACE(sName);
-        const Session s = Type(Keys(ReadData(sName + ".keys")));
-        EXPECT_EQ(ReadData(sName + ".screen"), s.sScreen);
-        EXPECT_EQ(s.lStatus, 0);
-        EXPECT_TRUE(s.bRestored);
-    }
+    PlayTranscripts(false);
     // A terminal that goes away ends the tool as "q" does, without spinning.
-    EXPECT_EQ(Type("isp bp", nullptr, true).lStatus, 0);
+    EXPECT_EQ(Type("isp bp", {}, nullptr, true).lStatus, 0);
 }
 
 TEST(DebugTool, FirstRequestIsTheWorkedExampleAndAmbiguityIsReported)
 {
     IBP_REQUIRE_ISOLATION();
-    const std::string sTree = ReadData("played/service.tree");  // the base commands and "isp x ab|ac"
-    const Session s = Type(Keys(ReadData("played/service.keys")), &sTree);
+    Played play = ReadScript("played/service.service");  // the base commands and "isp x ab|ac"
+    const Session s = Type(Keys(ReadData("played/service.keys")), {}, &play);
     EXPECT_EQ(ReadData("played/service.screen"), s.sScreen);
     EXPECT_TRUE(s.bRestored);
     // "isp bp log cli ..." is the tool's own business: the service gets the
@@ -225,7 +312,10 @@ TEST(DebugTool, FirstRequestIsTheWorkedExampleAndAmbiguityIsReported)
 TEST(DebugTool, LinesWithoutATerminalAndTheirExitStatus)
 {
     IBP_REQUIRE_ISOLATION();
-    EXPECT_EQ(RunDt({"-c", "isp bp proc cfg"}).lStatus, 2);  // no service
+    // No service: one line says so, and the lines behind are not tried.
+    const DtRun stNone = RunDt({"-c", "isp bp proc cfg", "-c", "isp bp"});
+    EXPECT_EQ(stNone.lStatus, 2);
+    EXPECT_EQ(stNone.sOut + stNone.sErr, ReadData("no_answer.txt"));
     auto Report = [](const std::string &sLine, size_t ulCaret, const char *pcText) {
         return sLine + "\n" + std::string(ulCaret, ' ') + "^\n" + pcText + " command input!\n";
     };
@@ -248,4 +338,60 @@ TEST(DebugTool, LinesWithoutATerminalAndTheirExitStatus)
         EXPECT_EQ(r.lStatus, c.lStatus) << c.args[1] << r.sErr;
         EXPECT_EQ(r.sOut, c.sOut) << c.args[1];
     }
+}
+
+TEST(Programs, OfTwoStartedTogetherOnOnePortExactlyOneRuns)
+{
+    IBP_REQUIRE_ISOLATION();
+    const auto rows = Rows("one_per_port.txt");  // ibp-isp, ibp-dt, ibp-ping
+    const std::pair<int, int> kPairs[] = {{0, 0}, {1, 1}, {2, 2}, {1, 2}};
+    std::unique_ptr<Service> isp;
+    for (const auto &[lFirst, lSecond] : kPairs) {
+        if (lFirst != 0 && !isp) {  // the debug tools' pairs beside a service
+            isp = std::make_unique<Service>();
+            ASSERT_TRUE(isp->Ready());
+        }
+        for (int lRound = 0; lRound < 10; lRound++) {
+            SCOPED_TRACE(rows[lFirst][0] + " and " + rows[lSecond][0] + ", round " + std::to_string(lRound));
+            int gate[2];
+            pipe2(gate, O_CLOEXEC);
+            OnPty pair[2] = {{rows[lFirst], gate[0]}, {rows[lSecond], gate[0]}};
+            EXPECT_EQ(write(gate[1], "go", 2), 2);  // a byte for each, at once
+            // Until one has ended and the other shows that it runs; 20 s are a safety bound only.
+            while (pair[0].bEnded + pair[1].bEnded + pair[0].Runs() + pair[1].Runs() < 2) {
+                pollfd p[2] = {{pair[0].bEnded ? -1 : pair[0].lMaster, POLLIN, 0},
+                               {pair[1].bEnded ? -1 : pair[1].lMaster, POLLIN, 0}};
+                ASSERT_GT(poll(p, 2, 20000), 0);
+                for (int i = 0; i < 2; i++)
+                    if (p[i].revents != 0)
+                        pair[i].Read();
+            }
+            OnPty &out = pair[pair[0].bEnded ? 0 : 1], &in = pair[pair[0].bEnded ? 1 : 0];
+            EXPECT_TRUE(out.bEnded && !in.bEnded && in.Runs());
+            kill(in.pid, SIGTERM), kill(out.pid, SIGTERM);  // the latter only if it runs after all
+            EXPECT_EQ(Wait(out.pid), 1);
+            Wait(in.pid);
+            std::erase(out.sOut, '\r');
+            EXPECT_EQ(out.sOut, out.row[3] + "\n");
+            close(gate[0]), close(gate[1]);
+        }
+    }
+}
+
+TEST(Programs, PingSaysWhatFailsWhileItFailsAndGivesItsFiguresOnSigterm)
+{
+    IBP_REQUIRE_ISOLATION();
+    RawPeer isp(7001);  // the test plays the service: it echoes the first record, then falls silent
+    ASSERT_TRUE(isp.Bound());
+    const auto want = Rows("ping_stopped.txt")[0];  // arguments, what it says while records fail, all it says
+    OnPty ping({"IBP_PING", want[0], want[1]}, -1);
+    const Bytes req = isp.Recv();
+    ASSERT_GE(req.size(), MSG_HDR_LEN);
+    isp.SendTo(7002, AckTo(req, std::string(req.begin() + MSG_HDR_LEN, req.end())));
+    while (!ping.Runs() && !ping.bEnded)
+        ping.Read();
+    kill(ping.pid, SIGTERM);
+    EXPECT_EQ(Wait(ping.pid), 1);
+    const std::string sAll = ReadAll(ping.lMaster, ping.sOut);
+    EXPECT_EQ(fnmatch(want[2].c_str(), sAll.c_str(), 0), 0) << sAll;
 }
