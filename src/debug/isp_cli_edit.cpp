@@ -29,15 +29,6 @@
 
 IBP_LOG_SOURCE("isp_cli");
 
-extern "C" {
-IBP_API char gszSysPrompt[CLI_PROMPT_LEN];
-IBP_API char gszLineBuf[CLI_LINE_LEN];
-IBP_API char gszCursLineBuf[CLI_LINE_LEN];
-IBP_API char *gpszHistCmd[CLI_HIST_NUM];
-IBP_API u32 gulHistSavePos;
-IBP_API u32 gulHistShowPos;
-}
-
 namespace {
 
 constexpr char kPrompt[] = "[CMD] ";

@@ -394,31 +394,3 @@ void ISP_CLI_MainProcess() { (void)CLI_ProcessLine(); }
 
 void ISP_CLI_PrintWrongCmd(u32 ulWordIdx) { (void)CLI_PrintReport(CliReport::kWrong, ulWordIdx); }
 
-// ---------------------------------------------------------------- lines without a terminal
-
-void CLI_BatchInit()
-{
-    CLI_SetBatchOutput(true);
-    gulDestModuleID = MOD_ID_ISP_CMD;
-    // Nothing is prompted: the carets stand under the line as printed.
-    gszSysPrompt[0] = '\0';
-    memset(gszLineBuf, 0, sizeof(gszLineBuf));
-    CLI_ResetTree();
-}
-
-CLI_RESULT_E CLI_BatchLine(const char *pcLine)
-{
-    CLI_StartBatchLine();
-    if (strlen(pcLine) > CLI_LINE_MAX) {
-        CLI_ERR("out of max cmd buff");
-        return CLI_RESULT_WRONG;
-    }
-    ISP_snprintf(gszLineBuf, sizeof(gszLineBuf), "%s", pcLine);
-    const CLI_RESULT_E enResult = gstCliTool.bOn ? CLI_ToolLine() : CLI_ProcessLine();
-    if (gszLineBuf[0] != '\0') {  // kept for editing: show what completion made of it
-        CLI_Puts(gszLineBuf);
-        gszLineBuf[0] = '\0';
-    }
-    fflush(stdout);
-    return enResult;
-}

@@ -9,17 +9,17 @@
 //   fetched again before the next line: the service may have been away at
 //   the start, or come back with other commands.
 // - A line that cannot grow rings the bell.
-// The keys (erase, delete, Ctrl-D) are taken in isp_cli_edit.cpp, and "?"
-// lists in isp_cli_interp.cpp.
+// The keys (erase, delete, Ctrl-D) are taken in isp_cli_edit.cpp, "?" lists
+// in isp_cli_interp.cpp, and the switches and the text made visible stand in
+// isp_cli_state.cpp. Here too: the lines of ibp-dt -c, which have no terminal.
 #include <cstdio>
 #include <cstring>
 
 #include "debug/isp_cli_priv.h"
 #include "ibp/isp_module.h"
+#include "ibp/isp_system.h"
 
 IBP_LOG_SOURCE("isp_cli");
-
-CLI_TOOL_S gstCliTool = {};
 
 namespace {
 
@@ -39,54 +39,7 @@ void CLI_SayNoAnswer()
                stIsp.szSocketAddr, static_cast<u32>(stIsp.usSocketPort), CLI_REQ_TIMEOUT_MS);
 }
 
-// How many continuation bytes a UTF-8 lead byte announces; 0 for any other.
-u32 CLI_Utf8Tail(u8 ucByte)
-{
-    if (ucByte < 0xC2 || ucByte > 0xF4)
-        return 0;
-    return ucByte >= 0xF0 ? 3 : ucByte >= 0xE0 ? 2 : 1;
-}
-
 }  // namespace
-
-void CLI_ToolOn(bool bTermKeys)
-{
-    gstCliTool.bOn = true;
-    gstCliTool.bTermKeys = bTermKeys;
-}
-
-std::string CLI_ServiceText(const char *pcText)
-{
-    if (!gstCliTool.bOn)
-        return pcText;
-    std::string sOut;
-    u32 ulTail = 0;  // continuation bytes still due to a UTF-8 sequence
-    for (const char *pc = pcText; *pc != '\0'; pc++) {
-        const u8 ucByte = static_cast<u8>(*pc);
-        const bool bContinues = ulTail != 0 && (ucByte & 0xC0) == 0x80;
-        ulTail = bContinues ? ulTail - 1 : CLI_Utf8Tail(ucByte);
-        if ((ucByte < 0x20 && ucByte != '\n' && ucByte != '\t') || ucByte == 0x7F) {
-            sOut += '^';
-            sOut += static_cast<char>(ucByte ^ 0x40);  // ^[ for ESC, ^? for DEL
-        } else if (ucByte >= 0x80 && ucByte < 0xA0 && !bContinues) {
-            char acHex[5];
-            std::snprintf(acHex, sizeof(acHex), "\\x%02x", ucByte);  // a C1 control such as CSI
-            sOut += acHex;
-        } else {
-            sOut += *pc;
-        }
-    }
-    return sOut;
-}
-
-void CLI_WriteService(const char *pcText) { CLI_Write(CLI_ServiceText(pcText).c_str()); }
-
-void CLI_LineFull()
-{
-    CLI_ERR("out of max cmd buff");
-    if (gstCliTool.bOn && !CLI_IsBatchOutput())
-        CLI_Write("\a");
-}
 
 CLI_RESULT_E CLI_ToolFetchTree()
 {
@@ -112,5 +65,34 @@ CLI_RESULT_E CLI_ToolLine()
         gbTreeStale = true;
     if (enResult == CLI_RESULT_NO_ANSWER)
         CLI_SayNoAnswer();
+    return enResult;
+}
+
+// ---------------------------------------------------------------- lines without a terminal
+
+void CLI_BatchInit()
+{
+    CLI_SetBatchOutput(true);
+    gulDestModuleID = MOD_ID_ISP_CMD;
+    // Nothing is prompted: the carets stand under the line as printed.
+    gszSysPrompt[0] = '\0';
+    memset(gszLineBuf, 0, sizeof(gszLineBuf));
+    CLI_ResetTree();
+}
+
+CLI_RESULT_E CLI_BatchLine(const char *pcLine)
+{
+    CLI_StartBatchLine();
+    if (strlen(pcLine) > CLI_LINE_MAX) {
+        CLI_ERR("out of max cmd buff");
+        return CLI_RESULT_WRONG;
+    }
+    ISP_snprintf(gszLineBuf, sizeof(gszLineBuf), "%s", pcLine);
+    const CLI_RESULT_E enResult = gstCliTool.bOn ? CLI_ToolLine() : CLI_ProcessLine();
+    if (gszLineBuf[0] != '\0') {  // kept for editing: show what completion made of it
+        CLI_Puts(gszLineBuf);
+        gszLineBuf[0] = '\0';
+    }
+    fflush(stdout);
     return enResult;
 }
