@@ -3,6 +3,7 @@
 // the same interpreter without a terminal, for scripts and tests.
 //
 //   ibp-dt [--bare-keys] [LOG OPTION] [-c LINE]...
+//   ibp-dt --monitor [--module NAME] [--count N] [LOG OPTION]
 //
 // Exit status with -c: 0, or 1 when a line was Wrong, Ambiguous or
 // Incomplete or was answered "operate fail", or 2 when the service did not
@@ -15,6 +16,7 @@
 #include <vector>
 
 #include "app_start.h"
+#include "dt_monitor.h"
 #include "debug/isp_cli_priv.h"
 #include "ibp/ibp.h"
 
@@ -26,21 +28,33 @@ const AppOption kOptions[] = {
     {"command", 'c', "LINE", "run LINE without a terminal and print the answer (repeatable)"},
     {"bare-keys", 0, nullptr, "keys as the library's table has them: 0x7F deletes under the cursor,\n"
                                           "                           no Delete key, Ctrl-D does nothing"},
+    {"monitor", 0, nullptr, "print one line per message that ibp-isp routes, as it happens"},
+    {"module", 0, "NAME", "with --monitor: only messages from or to the module NAME", "a module of the table"},
+    {"count", 0, "N", "with --monitor: end after N lines", "1 to 4294967295"},
 };
+enum { kKeyBareKeys = kAppLongOnly + 1, kKeyMonitor, kKeyModule, kKeyCount };
 
 const AppInfo kInfo = {
-    "ibp-dt", "[--bare-keys] [--log-stdout | --log-stderr | --log-dir DIR] [-c LINE]...",
+    "ibp-dt", "[--bare-keys] [--log-stdout | --log-stderr | --log-dir DIR] [-c LINE]...\n"
+    "       ibp-dt --monitor [--module NAME] [--count N] [--log-stdout | --log-stderr | --log-dir DIR]",
     "The debug tool: runs the debug commands of a running ibp-isp. Without -c it\n"
     "opens the interactive command line on the terminal: TAB completes or lists,\n"
     "\"?\" lists, the arrows edit and recall, a line that begins with \"q\" or\n"
     "Ctrl-D on an empty line leaves.",
     kOptions, sizeof(kOptions) / sizeof(kOptions[0]),
+    "With --monitor it prints a line for every message that the service's runtime\n"
+    "routes (time, source -> destination, type, identifier, body length) until\n"
+    "--count lines, Ctrl-C, or a service that stops answering.\n\n"
     "Exit status: 0; 1 when a -c line was wrong, ambiguous or incomplete or was\n"
-    "answered \"operate fail\", or the tool could not start; 2 when the service\n"
-    "did not answer, or the command line was bad.\n"};
+    "answered \"operate fail\", or the tool could not start, or the monitor's\n"
+    "service stopped answering; 2 when the service did not answer a -c line, or\n"
+    "the command line was bad.\n"};
 
 struct DT_OPTIONS_S {
     bool bBareKeys = false;
+    bool bMonitor = false;
+    const char *pcModule = "";
+    u32 ulCount = 0;
     AppLogChoice stLog;
     std::vector<const char *> vecLines;
 };
@@ -75,18 +89,35 @@ int main(int argc, char **argv)
 {
     DT_OPTIONS_S stOpt;
     const int lParsed = AppParseOptions(argc, argv, kInfo, &stOpt.stLog, [&](int lKey, const char *pcArg) {
-        if (lKey == 'c')
-            stOpt.vecLines.push_back(pcArg);
-        else
-            stOpt.bBareKeys = true;
-        return true;
+        switch (lKey) {
+            case 'c':
+                stOpt.vecLines.push_back(pcArg);
+                return true;
+            case kKeyMonitor:
+                stOpt.bMonitor = true;
+                return true;
+            case kKeyModule:
+                stOpt.pcModule = pcArg;
+                return DT_IsModuleName(pcArg);
+            case kKeyCount:
+                return AppParseU32(pcArg, 1, 0xFFFFFFFFul, &stOpt.ulCount);
+            default:
+                stOpt.bBareKeys = true;
+                return true;
+        }
     });
     if (lParsed >= 0)
         return lParsed;
-    if (stOpt.vecLines.empty() && isatty(STDIN_FILENO) == 0) {
+    if (stOpt.bMonitor && !stOpt.vecLines.empty())
+        return AppUsageError(kInfo, "--monitor does not take", "-c");
+    if (!stOpt.bMonitor && (stOpt.pcModule[0] != '\0' || stOpt.ulCount != 0))
+        return AppUsageError(kInfo, "without --monitor there is no use for", stOpt.ulCount != 0 ? "--count" : "--module");
+    if (!stOpt.bMonitor && stOpt.vecLines.empty() && isatty(STDIN_FILENO) == 0) {
         AppError(kInfo, "standard input is not a terminal; run the lines with -c LINE instead");
         return EXIT_NOT_STARTED;
     }
+    if (stOpt.bMonitor)
+        return DT_Monitor(kInfo, stOpt.pcModule, stOpt.ulCount);
     // Without a service the tool still starts: the first line says so, and
     // fetches the tree once the service answers.
     if (!AppClaimPort(kInfo, kAppRowDt) || !AppStartLibrary(kInfo, 1, &stOpt.stLog, LOG_LEVEL_INF))

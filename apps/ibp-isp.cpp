@@ -108,6 +108,8 @@ int main(int argc, char **argv)
     }
     if (RegImgCommands() != 0)
         std::fprintf(stderr, "ibp-isp: cannot register the debug command \"isp img stats\"; going on without it\n");
+    if (IBP_RegStatCmd() != 0)
+        std::fprintf(stderr, "ibp-isp: cannot register \"isp stat\" and the monitor; going on without them\n");
     std::printf("ibp-isp: serving ISP_IMG (%#x) on %s:%u\n", ulModuleID, gastProcCfgInfo[kAppRowIsp].szSocketAddr,
                 static_cast<unsigned>(gastProcCfgInfo[kAppRowIsp].usSocketPort));
     std::fflush(stdout);

@@ -56,9 +56,24 @@ dt() {
 dt 0 "isp bp proc cfg"
 dt 0 "isp bp log IMG 0"
 echo
-echo "== ibp-ping sends 100 synchronous records of 64 bytes to ISP_IMG"
+echo "== ibp-ping sends 100 synchronous records of 64 bytes to ISP_IMG; a monitor shows the first 6 messages"
+"$dir/ibp-dt" --monitor --module ISP_IMG --count 6 >"$out.monitor" 2>&1 &
+monitor=$!
+# The monitor watches once the service's tap is on.
+for _ in $(seq 50); do
+    "$dir/ibp-dt" "${log_args[@]}" -c "isp stat proc" 2>/dev/null | grep -q '^MonitorTap *1$' && break
+    sleep 0.1
+done
 step 0 "ibp-ping" "$dir/ibp-ping" "${log_args[@]}"
+mst=0
+wait "$monitor" || mst=$?
+echo
+echo "\$ ibp-dt --monitor --module ISP_IMG --count 6"
+cat "$out.monitor"
+rm -f "$out.monitor"
+[ "$mst" -eq 0 ] || failed+=("ibp-dt --monitor: wanted exit status 0, got $mst")
 dt 0 "isp img stats"
+dt 0 "isp stat module" "ISP_IMG"
 dt 1 "isp bp pro" "Wrong command input!"  # a typo, reported
 
 if [ -t 0 ]; then

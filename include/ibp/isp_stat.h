@@ -70,6 +70,7 @@ typedef struct {
     u32 ulSyncWaiting;                    /**< threads waiting for a synchronous ack now */
     u32 ulSyncTimedOut;                   /**< synchronous requests that timed out */
     u32 ulSyncFailed;                     /**< synchronous requests that failed because a module went away */
+    u32 ulMonitorOn;                      /**< 1 while a monitor's lease runs, else 0 */
     u32 ulMonitorShown;                   /**< messages handed to a monitor */
     u32 ulMonitorLost;                    /**< messages a monitor could not take */
 } IBP_PROC_STAT_S;

@@ -1,5 +1,7 @@
 // The statistics' debug commands, "isp stat ...", and the service that a
-// message monitor ("ibp-dt --monitor") talks to. A service registers them with
+// message monitor ("ibp-dt --monitor") talks to: a request of
+// IBP_MONITOR_MSG_ID to "ISP_CMD", answered with an ack to the request's own
+// address and port. A service registers them with
 // IBP_RegStatCmd after IBP_Init; they stand beside "bp", whose tree is the
 // library's own and stays as it is.
 #include <array>
@@ -49,6 +51,9 @@ bool BP_MonitorFilter(const char *pcName, u32 *pulModuleID, u32 *pulProcID)
     return true;
 }
 
+// The answer goes back to where the request came from, not to the port of
+// the debug tool's row: a monitor is a client of its own, beside the debug
+// tool and ibp-ping, which hold that port.
 void BP_Answer(MSG_HANDLE hReq, const char *pcText, u32 ulLen)
 {
     MSG_HANDLE hAck = MSG_Create(pcText, ulLen);
@@ -56,10 +61,17 @@ void BP_Answer(MSG_HANDLE hReq, const char *pcText, u32 ulLen)
         IBP_ERR("MSG_Create fail");
         return;
     }
-    if (MSG_SendAckMsg(hReq, hAck) != 0) {
-        IBP_ERR("send ack msg fail");
-        MSG_Destroy(hAck);
-    }
+    const auto *pstReq = static_cast<const MSG_HDR_S *>(hReq->pMem);
+    auto *pstAck = static_cast<MSG_HDR_S *>(hAck->pMem);
+    *pstAck = *pstReq;
+    pstAck->enMsgType = MSG_TYPE_SYNC_ACK;
+    pstAck->ulMsgLen = hAck->ulLen;
+    pstAck->ulMsgBodyLen = ulLen;
+    pstAck->ulSrcModuleID = pstReq->ulDstModuleID;
+    pstAck->ulSrcProcID = pstReq->ulDstProcID;
+    pstAck->ulDstModuleID = pstReq->ulSrcModuleID;
+    pstAck->ulDstProcID = pstReq->ulSrcProcID;
+    MOD_SendToSender(hAck);
 }
 
 // A monitor's request: renews its lease and takes what the tap recorded.

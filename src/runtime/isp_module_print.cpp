@@ -6,6 +6,7 @@
 #include "ibp/isp_module.h"
 #include "log/log_internal.h"
 #include "runtime/mod_stat.h"
+#include "runtime/mod_tap.h"
 #include "runtime/module_internal.h"
 
 IBP_LOG_SOURCE("isp_module");
@@ -44,7 +45,7 @@ u32 MOD_PrintProcStat(u32 *pulOutBufLen, char *pcOutBuf)
 {
     CMD_DISPLAY_CHECK_ARGS(pulOutBufLen, pcOutBuf);
     IBP_PROC_STAT_S st;
-    MOD_StatFillProc(&st);
+    (void)IBP_GetProcStat(&st);
     CmdDisplay stOut(pcOutBuf, *pulOutBufLen);
     const struct {
         const char *pcName;
@@ -66,6 +67,7 @@ u32 MOD_PrintProcStat(u32 *pulOutBufLen, char *pcOutBuf)
         {"SyncWaiting", st.ulSyncWaiting},
         {"SyncTimedOut", st.ulSyncTimedOut},
         {"SyncFailed", st.ulSyncFailed},
+        {"MonitorTap", st.ulMonitorOn},
         {"MonitorShown", st.ulMonitorShown},
         {"MonitorLost", st.ulMonitorLost},
     };
@@ -153,6 +155,7 @@ IBP_API u32 IBP_GetProcStat(IBP_PROC_STAT_S *pstStat)
         return 1;
     }
     MOD_StatFillProc(pstStat);
+    pstStat->ulMonitorOn = MOD_TapIsOn() ? 1 : 0;
     return 0;
 }
 

@@ -3,6 +3,7 @@
 // the thread that sends (see the outbound queue in isp_module_route.cpp).
 // sendto and sendmmsg on a datagram socket are atomic per datagram, so any
 // thread may send while the process thread alone reads.
+#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
@@ -129,6 +130,28 @@ bool MOD_SendList(MOD_LIST_S *pstList)
         }
     }
     return true;
+}
+
+void MOD_SendToSender(MOD_BUF_S *pstBuf)
+{
+    const auto *pstHdr = static_cast<const MSG_HDR_S *>(pstBuf->pMem);
+    struct sockaddr_in stAddr;
+    memset(&stAddr, 0, sizeof(stAddr));
+    stAddr.sin_family = AF_INET;
+    stAddr.sin_addr.s_addr = pstHdr->ulPeerAddr;
+    stAddr.sin_port = pstHdr->usPeerPort;
+    const s32 lSocket = MOD_SendFd();
+    const ssize_t lSent = lSocket < 0 ? -1
+                                      : ISP_sendto(lSocket, pstBuf->pMem, pstBuf->ulLen, 0,
+                                                   reinterpret_cast<const struct sockaddr *>(&stAddr), sizeof(stAddr));
+    if (lSent != static_cast<ssize_t>(pstBuf->ulLen)) {
+        IBP_ERR("send msg to ip addr %s failed!", inet_ntoa(stAddr.sin_addr));
+        MOD_StatAdd(&MOD_ProcStat().ulSendFailures);
+    } else {
+        MOD_StatAdd(&MOD_ProcStat().ulDatagramsOut);
+        MOD_StatAdd64(&MOD_ProcStat().ullBytesOut, pstBuf->ulLen);
+    }
+    MOD_FreeBuf(pstBuf);
 }
 
 bool MOD_SendNow(MOD_BUF_S *pstBuf)

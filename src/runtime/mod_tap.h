@@ -33,6 +33,9 @@ bool MOD_TapLease(u32 ulModuleID, u32 ulProcID, u32 ulLeaseMs);
 // stores in *pulLost how many could not be taken since the last call.
 u32 MOD_TapTake(char *pcOut, u32 ulCap, u32 *pulLost);
 
+// True while a monitor's lease runs.
+inline bool MOD_TapIsOn() { return __atomic_load_n(&gbTapOn, __ATOMIC_RELAXED); }
+
 // For the process thread's timer: ends a lease that has run out; returns the
 // milliseconds until the running lease ends, or -1 when there is none.
 int MOD_TapExpire();

@@ -294,6 +294,10 @@ void MOD_InitMsgProcTable(MOD_MODULE_S *pstModule);
 bool MOD_SendList(MOD_LIST_S *pstList);
 // Sends one message and frees it, sent or not.
 bool MOD_SendNow(MOD_BUF_S *pstBuf);
+// Sends a whole message (header filled in) to the address and port in its
+// header, whoever listens there, and frees it: the answer of a service to a
+// client that is no process of the table.
+void MOD_SendToSender(MOD_BUF_S *pstBuf);
 
 // ---------------------------------------------------------------- the pool (isp_module_pool.cpp)
 

@@ -16,6 +16,9 @@ if(IBP_BUILD_APPS)
             COMMAND ${IBP_ISOLATE} sh ${CMAKE_CURRENT_LIST_DIR}/check_stop_errors.sh
                     ${CMAKE_CURRENT_LIST_DIR}/data/stop_errors.txt $<TARGET_FILE_DIR:ibp-isp>)
         set_tests_properties(app_stop_errors PROPERTIES TIMEOUT 60)
+        add_test(NAME app_monitor
+            COMMAND ${IBP_ISOLATE} sh ${CMAKE_CURRENT_LIST_DIR}/check_monitor.sh $<TARGET_FILE_DIR:ibp-isp>)
+        set_tests_properties(app_monitor PROPERTIES TIMEOUT 60)
     endif()
 endif()
 
