@@ -14,7 +14,6 @@
 #include <vector>
 
 #include "app_options.h"
-#include "debug/isp_cli_priv.h"
 #include "ibp/ibp.h"
 
 namespace {
@@ -44,25 +43,25 @@ struct DT_OPTIONS_S {
 int DT_RunLines(const std::vector<const char *> &vecLines)
 {
     const unsigned ulIspPort = gastProcCfgInfo[0].usSocketPort;
-    if (CLI_BatchInit() == CLI_RESULT_NO_ANSWER) {
+    if (ISP_CLI_BatchInit() == ISP_CLI_BATCH_NO_ANSWER) {
         AppError(kInfo, "no answer from ibp-isp on 127.0.0.1:%u within %u ms; start ibp-isp first", ulIspPort,
-                 CLI_REQ_TIMEOUT_MS);
+                 ISP_CLI_BATCH_TIMEOUT_MS);
         return EXIT_NOT_RUN;
     }
     int lStatus = 0;
     for (const char *pcLine : vecLines) {
-        if (strlen(pcLine) > CLI_LINE_MAX) {
-            AppError(kInfo, "line longer than %u characters: %s; shorten it", CLI_LINE_MAX, pcLine);
+        if (strlen(pcLine) > ISP_CLI_BATCH_LINE_MAX) {
+            AppError(kInfo, "line longer than %u characters: %s; shorten it", ISP_CLI_BATCH_LINE_MAX, pcLine);
             lStatus = EXIT_LINE_FAILED;
             continue;
         }
-        const CLI_RESULT_E enResult = CLI_BatchLine(pcLine);
-        if (enResult == CLI_RESULT_NO_ANSWER) {
+        const u32 ulResult = ISP_CLI_BatchLine(pcLine);
+        if (ulResult == ISP_CLI_BATCH_NO_ANSWER) {
             AppError(kInfo, "no answer to \"%s\" within %u ms; see the records of ibp-isp", pcLine,
-                     CLI_REQ_TIMEOUT_MS);
+                     ISP_CLI_BATCH_TIMEOUT_MS);
             return EXIT_NOT_RUN;
         }
-        if (enResult != CLI_RESULT_DONE)
+        if (ulResult != ISP_CLI_BATCH_DONE)
             lStatus = EXIT_LINE_FAILED;
     }
     return lStatus;
