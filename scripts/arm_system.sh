@@ -135,3 +135,9 @@ for t in "$run"/list/*.sh; do
     b=$(basename "$t" .sh)
     cat "$run/results/$b.status" 2>/dev/null || echo "${b#*_} NotRun"
 done >"$run/status"
+while read -r name st; do
+    [ "$st" = Passed ] && continue
+    echo "== armhf: $name $st in the guest:"
+    tail -n 30 "$(ls "$run"/results/*_"$name".log 2>/dev/null | head -n 1)" 2>/dev/null
+done <"$run/status"
+exit 0
