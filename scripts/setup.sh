@@ -10,7 +10,7 @@ native=(g++ cmake make pkg-config libgtest-dev libbenchmark-dev libmxml-dev
         unzip zip iproute2 util-linux binutils jq doxygen mandoc dpkg-dev
         g++-arm-linux-gnueabihf binutils-arm-linux-gnueabihf qemu-user
         clang libclang-rt-14-dev qemu-system-arm cpio file lintian)
-armhf=(libmxml-dev:armhf libgtest-dev:armhf)
+armhf=(libmxml-dev:armhf libgtest-dev:armhf libstdc++6:armhf)
 
 arch=$(dpkg --print-architecture)
 # Qualify plain names with the native architecture: once the armhf twin of a
