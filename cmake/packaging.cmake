@@ -18,6 +18,8 @@ endif()
 
 # ---------------------------------------------------------------- copyright and changelog
 # copyright in the machine-readable format; Debian calls the MIT licence "Expat".
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS
+    ${PROJECT_SOURCE_DIR}/LICENSE ${PROJECT_SOURCE_DIR}/CHANGELOG.md)
 file(READ ${PROJECT_SOURCE_DIR}/LICENSE IBP_LICENSE_TEXT)
 string(REGEX MATCH "Copyright \\(c\\) ([^\n]*)" _ "${IBP_LICENSE_TEXT}")
 set(IBP_COPYRIGHT_HOLDER "${CMAKE_MATCH_1}")

@@ -41,6 +41,7 @@ done
 root=$scratch/amd64/usr
 sh "$here/build_consumer.sh" pkg-config "$root" "$scratch/pc" "$version" || status=1
 sh "$here/build_consumer.sh" cmake "$root" "$scratch/cm" "$version" || status=1
+sh "$here/build_consumer.sh" cmake-static "$root" "$scratch/cs" "$version" || status=1
 for src in "$apps"/*.cpp; do
     name=$(basename "$src" .cpp)
     got=$(LD_LIBRARY_PATH=$root/lib/x86_64-linux-gnu "$root/bin/$name" --version)
