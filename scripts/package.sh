@@ -2,8 +2,7 @@
 # package.sh BUILD_ROOT: release builds for x86-64 and armhf installed under
 # /usr, Debian packages of each made by CPack (cmake/packaging.cmake), copied
 # into BUILD_ROOT/packages, checked by tests/package/check_packages.sh and by
-# lintian (an error or a warning fails; justified ones are overridden in
-# cmake/deb/lintian/). The objects in the packages are stripped; their debug
+# lintian (an error or a warning fails). The objects in the packages are stripped; their debug
 # information is kept aside in BUILD_ROOT/packages/debug/ARCH/usr/lib/debug/
 # .build-id/, where gdb finds it by build ID once copied to a target's /.
 # One line per step; a step that fails shows its log.
