@@ -2,8 +2,10 @@
 # check_link_form.sh NM READELF LIBRARY INTERFACE_HEADER PROGRAM...: a program
 # that loads the shared object carries no copy of the library beside it: it
 # defines none of the names LIBRARY exports, but for the entry points of the
-# default table that a program may override. Two copies in one process would
-# each keep their own globals (the log, the modules, the tree).
+# default table that a program may override, and the exported data that the
+# linker moved into the program by a copy relocation, where the library's own
+# references go as well. Two copies in one process would each keep their own
+# globals (the log, the modules, the tree).
 nm_tool=$1 readelf=$2 lib=$3 header=$4; shift 4
 tmp=$(mktemp -d) || exit 1
 trap 'rm -rf "$tmp"' EXIT
@@ -16,7 +18,9 @@ status=0 shared=0
 for prog in "$@"; do
     "$readelf" -d "$prog" | grep -q "NEEDED.*\[$soname\]" || continue
     shared=$((shared + 1))
-    twice=$("$nm_tool" --defined-only "$prog" | awk '{print $NF}' | sort -u | comm -12 - "$tmp/exported")
+    "$readelf" -rW "$prog" | awk '$3 ~ /_COPY$/ { sub(/@.*/, "", $5); print $5 }' | sort -u >"$tmp/copied"
+    twice=$("$nm_tool" --defined-only "$prog" | awk '{print $NF}' | sort -u | comm -12 - "$tmp/exported" |
+            comm -23 - "$tmp/copied")
     [ -z "$twice" ] || { echo "$(basename "$prog") loads $soname and has its own copy of:"; echo "$twice" | head -n 5; status=1; }
 done
 [ $shared -gt 0 ] || { echo "no program loads $soname"; exit 1; }
