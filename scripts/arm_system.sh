@@ -79,11 +79,28 @@ for deb in "$dir"/packages/*_armhf.deb; do
 done
 cp "$src/tests/system/guest_init.sh" "$run/root/init"
 
-# The shares: the outer one first when one lies inside the other.
-shares=$(printf '%s\n' "ibpsrc=$src" "ibpbuild=$root" | awk -F= '{ print length($2), $0 }' | sort -n | cut -d' ' -f2-)
+# The shares: one tree when one lies inside the other (build/ in the
+# checkout), since isolate.sh binds a tree under /tmp back into its fresh
+# tmpfs without the mounts inside it; otherwise the source read-only and the
+# build root beside it.
+for p in "$src" "$root"; do
+    case $p in *[[:space:],]*) fail "$p: a path with a blank or a comma cannot be shared into the guest" ;; esac
+done
+case $root/ in
+    "$src"/*) shared=("$src") ;;
+    *) case $src/ in "$root"/*) shared=("$root") ;; *) shared=("$src" "$root") ;; esac ;;
+esac
+qemu_shares=() shares=""
+for i in "${!shared[@]}"; do
+    ro=""
+    [ ${#shared[@]} -eq 2 ] && [ "$i" -eq 0 ] && ro=",readonly=on"
+    qemu_shares+=(-fsdev "local,id=share$i,path=${shared[$i]},security_model=none$ro"
+                  -device "virtio-9p-device,fsdev=share$i,mount_tag=share$i")
+    shares="$shares share$i=${shared[$i]}"
+done
 cat >"$run/root/etc/ibp-guest.conf" <<CONF
 IBP_GUEST_MODULES="${modules[*]}"
-IBP_GUEST_SHARES="$(echo $shares)"
+IBP_GUEST_SHARES="${shares# }"
 IBP_GUEST_SRC="$src"
 IBP_GUEST_LIST="$run/list"
 IBP_GUEST_RESULTS="$run/results"
@@ -123,8 +140,7 @@ echo "== armhf: $n tests on $(basename "$kernel" | cut -d_ -f1) under qemu-syste
 timeout --signal=KILL "$limit" qemu-system-arm -M virt -cpu cortex-a15 -smp 2 -m 1024 -accel tcg,thread=multi \
     -display none -monitor none -nic none -serial "file:$log" -no-reboot \
     -kernel "$cache/vmlinuz" -initrd "$run/initrd.gz" -append "console=ttyAMA0 panic=-1 quiet" \
-    -fsdev "local,id=src,path=$src,security_model=none,readonly=on" -device virtio-9p-device,fsdev=src,mount_tag=ibpsrc \
-    -fsdev "local,id=bld,path=$root,security_model=none" -device virtio-9p-device,fsdev=bld,mount_tag=ibpbuild \
+    "${qemu_shares[@]}" \
     </dev/null
 rc=$?
 [ $rc -eq 137 ] && echo "== armhf: the guest was stopped after $limit s"

@@ -27,6 +27,9 @@ for arch in amd64 armhf; do
       for src in "$apps"/*.cpp; do
           name=$(basename "$src" .cpp)
           printf 'ibp-tools ./usr/bin/%s\nibp-tools ./usr/share/man/man1/%s.1.gz\n' "$name" "$name"
+      done
+      for pkg in libibp$major libibp-dev ibp-tools; do  # Debian wants both in every package
+          printf '%s ./usr/share/doc/%s/copyright\n%s ./usr/share/doc/%s/changelog.gz\n' "$pkg" "$pkg" "$pkg" "$pkg"
       done; } |
         sed "s/@MAJOR@/$major/g; s/@VERSION@/$version/g; s/@MULTIARCH@/$multiarch/g" |
         while read -r pkg path; do

@@ -28,7 +28,7 @@ finish() {
 for m in $IBP_GUEST_MODULES; do
     $bb insmod "/lib/modules/$m.ko" || finish "insmod $m failed"
 done
-# The outer folder first, when one share lies inside the other.
+# Each share at the path it has on the host.
 for share in $IBP_GUEST_SHARES; do
     tag=${share%%=*} path=${share#*=}
     $bb mkdir -p "$path"
