@@ -8,8 +8,9 @@
 # The guest is made of Debian's packages only, fetched with apt-get download
 # into BUILD_ROOT/arm-guest (kept between runs): the armmp-lpae kernel (its
 # virtio and 9p modules), busybox-static, the C and C++ runtimes, Mini-XML,
-# util-linux's mount and unshare for tests/harness/isolate.sh, zip and unzip. The host's
-# source tree and BUILD_ROOT are shared over 9p at their own paths.
+# util-linux's mount and unshare for tests/harness/isolate.sh, zip and unzip.
+# The host's source tree and BUILD_ROOT (one share when one holds the other)
+# are shared over 9p at their own paths.
 #
 # Environment: IBP_GUEST_TIMEOUT (seconds, default 900): qemu is killed then.
 set -uo pipefail
