@@ -5,7 +5,7 @@ CMAKE ?= cmake
 FUZZ_SECONDS ?= 60
 SOAK_SECONDS ?= 600
 
-.PHONY: all setup build demo check check-native check-armhf check-stress tsan fuzz soak bench install uninstall docs package clean
+.PHONY: all setup build demo check check-native check-armhf check-armhf-user check-stress tsan fuzz soak bench install uninstall docs package clean
 
 all: build
 
@@ -30,6 +30,10 @@ check-native: setup
 
 check-armhf: setup
 	@scripts/check.sh $(BUILD) armhf
+
+# The quick armhf run: static programs under qemu-user (not part of `check`).
+check-armhf-user: setup
+	@scripts/check.sh $(BUILD) armhf-user
 
 # The native tests repeated (up to 5 times each) and then the armhf tests,
 # with a busy loop on every core beside them (not part of `check`).

@@ -17,7 +17,6 @@
 
 #include "app_start.h"
 #include "dt_monitor.h"
-#include "debug/isp_cli_priv.h"
 #include "ibp/ibp.h"
 
 namespace {
@@ -62,22 +61,22 @@ struct DT_OPTIONS_S {
 int DT_RunLines(const std::vector<const char *> &vecLines)
 {
     const MOD_PROC_CFG_S &stIsp = gastProcCfgInfo[kAppRowIsp];
-    CLI_BatchInit();
+    ISP_CLI_BatchInit();
     int lStatus = 0;
     for (const char *pcLine : vecLines) {
-        if (strlen(pcLine) > CLI_LINE_MAX) {
-            AppError(kInfo, "line longer than %u characters: %s; shorten it", CLI_LINE_MAX, pcLine);
+        if (strlen(pcLine) > ISP_CLI_BATCH_LINE_MAX) {
+            AppError(kInfo, "line longer than %u characters: %s; shorten it", ISP_CLI_BATCH_LINE_MAX, pcLine);
             lStatus = EXIT_LINE_FAILED;
             continue;
         }
-        const CLI_RESULT_E enResult = CLI_BatchLine(pcLine);
-        if (enResult == CLI_RESULT_NO_ANSWER) {
+        const u32 ulResult = ISP_CLI_BatchLine(pcLine);
+        if (ulResult == ISP_CLI_BATCH_NO_ANSWER) {
             AppError(kInfo, "no answer from ibp-isp on %s:%u within %u ms to \"%s\"; check that it runs, then run "
                      "the line again", stIsp.szSocketAddr, static_cast<unsigned>(stIsp.usSocketPort),
-                     CLI_REQ_TIMEOUT_MS, pcLine);
+                     ISP_CLI_BATCH_TIMEOUT_MS, pcLine);
             return EXIT_NO_ANSWER;
         }
-        if (enResult != CLI_RESULT_DONE)
+        if (ulResult != ISP_CLI_BATCH_DONE)
             lStatus = EXIT_LINE_FAILED;
     }
     return lStatus;
@@ -124,7 +123,7 @@ int main(int argc, char **argv)
         return EXIT_NOT_STARTED;
     // No "DT_CLI" module: the requests go out from this thread, which speaks
     // as the process module of "DT", and nothing is ever sent to the tool.
-    CLI_ToolOn(!stOpt.bBareKeys);
+    ISP_CLI_ToolOn(stOpt.bBareKeys ? 0 : 1);
     int lStatus = 0;
     if (!stOpt.vecLines.empty())
         lStatus = DT_RunLines(stOpt.vecLines);

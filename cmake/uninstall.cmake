@@ -1,7 +1,8 @@
 # cmake -DMANIFEST=<build>/install_manifest.txt -P uninstall.cmake
 # Removes every file and link that the last install into that build's prefix
-# wrote (under $DESTDIR when it is set). Folders stay: they may have been
-# there before.
+# wrote (under $DESTDIR when it is set), then the folders that installs from
+# this build made (install_folders.txt beside the manifest) once they are
+# empty. Folders that were there before stay.
 if(NOT EXISTS "${MANIFEST}")
     message(FATAL_ERROR "no install manifest at ${MANIFEST}: nothing was installed from this build")
 endif()
@@ -21,4 +22,29 @@ foreach(file IN LISTS files)
 endforeach()
 if(left GREATER 0)
     message(FATAL_ERROR "${left} installed files are still there")
+endif()
+
+get_filename_component(build "${MANIFEST}" DIRECTORY)
+if(EXISTS "${build}/install_folders.txt")
+    file(STRINGS "${build}/install_folders.txt" folders)
+    list(REMOVE_DUPLICATES folders)
+    # Deepest first, so that a parent is empty when its turn comes.
+    list(SORT folders ORDER DESCENDING)
+    set(kept "")
+    foreach(dir IN LISTS folders)
+        set(path "$ENV{DESTDIR}${dir}")
+        file(GLOB inside "${path}/*" "${path}/.*")
+        if(IS_DIRECTORY "${path}" AND NOT inside)
+            file(REMOVE_RECURSE "${path}")  # empty: nothing else goes with it
+            message(STATUS "Removed folder: ${path}")
+        elseif(IS_DIRECTORY "${path}")
+            list(APPEND kept "${dir}")  # something else lives there now
+        endif()
+    endforeach()
+    if(kept)
+        list(JOIN kept "\n" kept)
+        file(WRITE "${build}/install_folders.txt" "${kept}\n")
+    else()
+        file(REMOVE "${build}/install_folders.txt")
+    endif()
 endif()

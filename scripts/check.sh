@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
-# check.sh BUILD_ROOT [native|armhf|tsan]...
+# check.sh BUILD_ROOT [native|armhf|armhf-user|tsan]...
 # Builds and runs every test: x86-64 with AddressSanitizer and UBSan, then the
-# armhf cross build under qemu-user. Counts GoogleTest cases, not programs,
-# and ends with "N passed, N failed, N skipped", the distinct reasons of the
-# skips listed once above it.
+# armhf cross build on an ARM kernel under qemu-system-arm, its programs
+# installed from its own armhf packages (scripts/arm_system.sh). armhf-user is
+# the quick armhf run under qemu-user, with every program linked statically.
+# Counts GoogleTest cases, not programs, and ends with "N passed, N failed, N
+# skipped", the distinct reasons of the skips listed once above it.
 #
 # A skip is allowed only where the reason is outside the project's hands:
 # natively when this machine cannot make the test namespaces, and under
@@ -44,9 +46,16 @@ cases() {
         END { flush() }' "$1"
 }
 
-# tally RUN DIR LOG: adds the cases of one run to the counts.
+# statuses CTEST_LOG: "name status" per test, from the lines of a ctest run;
+# a repeated test counts by its last run.
+statuses() {
+    sed -nE 's/^ *[0-9]+\/[0-9]+ Test +#[0-9]+: ([^ ]+) \.+[* ]*([A-Za-z]+).*/\1 \2/p' "$1" |
+        awk '{ last[$1] = $2 } END { for (n in last) print n, last[n] }'
+}
+
+# tally RUN DIR STATUSES: adds the cases of one run to the counts.
 tally() {
-    local run=$1 dir=$2 log=$3 name status xml res case why n_pass=0 n_fail=0 n_skip=0
+    local run=$1 dir=$2 list=$3 name status xml res case why n_pass=0 n_fail=0 n_skip=0
     while read -r name status; do
         xml=$dir/gtest/$name.xml
         if [ ! -s "$xml" ]; then  # no GoogleTest program: one case
@@ -56,7 +65,7 @@ tally() {
         local prog_fail=0
         while IFS=$'\t' read -r res case why; do
             if [ "$res" = skipped ]; then
-                if { [ "$run" = armhf ] && [[ $why == *"$emulator_mark"* ]]; } ||
+                if { [ "$run" = armhf-user ] && [[ $why == *"$emulator_mark"* ]]; } ||
                    { [ $namespaces -eq 0 ] && [[ $why == "needs private namespaces"* ]]; }; then
                     n_skip=$((n_skip + 1))
                     printf '%s: %s\n' "$run" "$why" >>"$reasons"
@@ -72,36 +81,67 @@ tally() {
             echo "== $run: $name failed outside its cases ($status)"
             n_fail=$((n_fail + 1))
         fi
-    done < <(sed -nE 's/^ *[0-9]+\/[0-9]+ Test +#[0-9]+: ([^ ]+) \.+[* ]*([A-Za-z]+).*/\1 \2/p' "$log" |
-             awk '{ last[$1] = $2 } END { for (n in last) print n, last[n] }')  # a repeated test: its last run
+    done <"$list"
     echo "== $run: $n_pass passed, $n_fail failed, $n_skip skipped"
     passed=$((passed + n_pass)) failed=$((failed + n_fail)) skipped=$((skipped + n_skip))
 }
 
-run_suite() {  # name, cmake options...
+# build NAME CMAKE_OPTIONS...: configures and builds $root/NAME; false on failure.
+build() {
     local name=$1; shift
-    local dir=$root/$name log
+    local dir=$root/$name
     echo "== $name: configure and build"
     if ! { cmake -S "$src" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DIBP_BUILD_APPS=ON "$@" >"$dir.configure.log" 2>&1 &&
            cmake --build "$dir" -j "$jobs" >"$dir.build.log" 2>&1; }; then
         cat "$dir.configure.log" "$dir.build.log" 2>/dev/null | grep -E 'error|Error' | head -n 40
         echo "== $name: build FAILED (see $dir.build.log)"
         failed=$((failed + 1))
-        return
+        return 1
     fi
-    echo "== $name: test"
-    log=$dir.test.log
-    rm -rf "$dir/gtest"
-    mkdir -p "$dir/gtest"
+}
+
+# ctest_run NAME LOG CTEST_ARGS...: ctest in $root/NAME; false without a summary.
+ctest_run() {
+    local dir=$root/$1 log=$2; shift 2
     # shellcheck disable=SC2086
-    (cd "$dir" && GTEST_OUTPUT="xml:$dir/gtest/" ctest -j "$jobs" --output-on-failure ${CTEST_ARGS:-}) 2>&1 |
+    (cd "$dir" && GTEST_OUTPUT="xml:$dir/gtest/" ctest -j "$jobs" --output-on-failure "$@" ${CTEST_ARGS:-}) 2>&1 |
         tee "$log" | grep -E '^ *[0-9]+/[0-9]+ Test|tests passed|Failed|\*\*\*' || true
     if ! grep -qE 'tests passed, [0-9]+ tests failed out of [0-9]+' "$log"; then
-        echo "== $name: no test summary"
+        echo "== $1: no test summary"
+        failed=$((failed + 1))
+        return 1
+    fi
+}
+
+run_suite() {  # name, cmake options...
+    local name=$1 dir=$root/$1
+    build "$@" || return
+    echo "== $name: test"
+    rm -rf "$dir/gtest"
+    mkdir -p "$dir/gtest"
+    ctest_run "$name" "$dir.test.log" || return
+    tally "$name" "$dir" <(statuses "$dir.test.log")
+}
+
+# The armhf build on an ARM kernel: its packages are what the guest installs;
+# the checks that read the build with the host's tools (label "host") run here.
+run_armhf() {
+    local dir=$root/armhf
+    build armhf -DCMAKE_TOOLCHAIN_FILE="$src/cmake/toolchain-armhf.cmake" -DCMAKE_CROSSCOMPILING_EMULATOR= \
+        -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_INSTALL_LIBDIR=lib/arm-linux-gnueabihf -DCMAKE_SKIP_BUILD_RPATH=ON || return
+    echo "== armhf: packages"
+    if ! (cd "$dir" && rm -rf packages && cpack) >"$dir.cpack.log" 2>&1; then
+        tail -n 20 "$dir.cpack.log"
+        echo "== armhf: cpack FAILED (see $dir.cpack.log)"
         failed=$((failed + 1))
         return
     fi
-    tally "$name" "$(cd "$dir" && pwd)" "$log"
+    rm -rf "$dir/gtest"
+    mkdir -p "$dir/gtest"
+    echo "== armhf: test on the build host (-L host)"
+    ctest_run armhf "$dir.host-test.log" -L host || return
+    "$src/scripts/arm_system.sh" "$root" "$dir" || { failed=$((failed + 1)); return; }
+    tally armhf "$dir" <(statuses "$dir.host-test.log"; cat "$dir/guest/status")
 }
 
 mkdir -p "$root"
@@ -109,7 +149,8 @@ root=$(cd "$root" && pwd)
 for r in "${runs[@]}"; do
     case $r in
         native) run_suite native -DIBP_SANITIZE=ON ;;
-        armhf) run_suite armhf -DCMAKE_TOOLCHAIN_FILE="$src/cmake/toolchain-armhf.cmake" ;;
+        armhf) run_armhf ;;
+        armhf-user) run_suite armhf-user -DCMAKE_TOOLCHAIN_FILE="$src/cmake/toolchain-armhf.cmake" -DIBP_LINK_STATIC=ON ;;
         tsan) run_suite tsan -DIBP_TSAN=ON ;;
         *) echo "unknown run $r"; exit 2 ;;
     esac

@@ -1,14 +1,16 @@
 #!/usr/bin/env bash
-# Installs what the build, the tests, the armhf cross build and make fuzz
-# (clang with its libFuzzer and sanitizer runtimes) need on Debian 12.
+# Installs what the build, the tests, the armhf cross build, its run on an
+# ARM kernel (qemu-system-arm, cpio; scripts/arm_system.sh fetches the guest's
+# own armhf packages), make package (lintian) and make fuzz (clang with its
+# libFuzzer and sanitizer runtimes) need on Debian 12.
 # Does nothing when everything is there already.
 set -euo pipefail
 
 native=(g++ cmake make pkg-config libgtest-dev libbenchmark-dev libmxml-dev
         unzip zip iproute2 util-linux binutils jq doxygen mandoc dpkg-dev
         g++-arm-linux-gnueabihf binutils-arm-linux-gnueabihf qemu-user
-        clang libclang-rt-14-dev)
-armhf=(libmxml-dev:armhf libgtest-dev:armhf)
+        clang libclang-rt-14-dev qemu-system-arm cpio file lintian)
+armhf=(libmxml-dev:armhf libgtest-dev:armhf libstdc++6:armhf)
 
 arch=$(dpkg --print-architecture)
 # Qualify plain names with the native architecture: once the armhf twin of a

@@ -51,6 +51,40 @@ IBP_API u32 ISP_CLI_Init(void);
  * for a null node. */
 IBP_API u32 ISP_CLI_PrintTree(CLI_NODE_S *pstCurModule);
 
+/** Longest line that ISP_CLI_BatchLine takes, in characters. */
+#define ISP_CLI_BATCH_LINE_MAX (CLI_LINE_LEN - 1u)
+/** Time that one request of a line waits for its answer, in milliseconds. */
+#define ISP_CLI_BATCH_TIMEOUT_MS 2000u
+
+/** What became of a line run without a terminal. */
+typedef enum {
+    ISP_CLI_BATCH_DONE = 0,         /**< answered, listed or completed */
+    ISP_CLI_BATCH_WRONG = 1,        /**< "Wrong command input!" */
+    ISP_CLI_BATCH_AMBIGUOUS = 2,    /**< "Ambiguous command input!" */
+    ISP_CLI_BATCH_INCOMPLETE = 3,   /**< "Incomplete command input!" */
+    ISP_CLI_BATCH_OPERATE_FAIL = 4, /**< answered "operate fail" */
+    ISP_CLI_BATCH_BAD_ANSWER = 5,   /**< an answer that could not be read */
+    ISP_CLI_BATCH_NO_ANSWER = 6     /**< no answer within ISP_CLI_BATCH_TIMEOUT_MS */
+} ISP_CLI_BATCH_E;
+
+/** Makes ready for lines run without a terminal, after IBP_Init of the debug
+ * tool process; the first line fetches the service's tree. Returns
+ * ISP_CLI_BATCH_DONE. */
+IBP_API u32 ISP_CLI_BatchInit(void);
+/** Runs one line through the interpreter as if typed, printing what the
+ * terminal would show; a line that ends in TAB or "?" is printed as it stands
+ * afterwards. Returns an ISP_CLI_BATCH_E; ISP_CLI_BATCH_WRONG for a null
+ * line or one longer than ISP_CLI_BATCH_LINE_MAX. */
+IBP_API u32 ISP_CLI_BatchLine(const char *pcLine);
+/** Turns on the ways of the debug tool program for its user, before
+ * ISP_CLI_Init or the first ISP_CLI_BatchLine: text from the service with its
+ * control characters made visible, "?" that lists, a service that does not
+ * answer said and its tree fetched again, the bell at a full line; with
+ * bTermKeys other than 0 also the terminal's erase key, the Delete key and
+ * Ctrl-D on an empty line. Without this call the command line keeps the keys
+ * and output of its table. */
+IBP_API void ISP_CLI_ToolOn(u32 bTermKeys);
+
 IBP_EXTERN_C_END
 
 #endif /* IBP_ISP_CLI_H */

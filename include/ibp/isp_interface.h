@@ -276,6 +276,14 @@ IBP_EXTERN_C_BEGIN
     X(ISP_SetTGWinOptEnable, OK) \
     X(ISP_WindowProc, OK)
 
+/* Before C23 the declarations have no prototype on purpose: the parameters
+ * are the image library's to state, not this library's. A consumer that
+ * builds with -Wstrict-prototypes is not told so 412 times. */
+#if !defined(__cplusplus) && defined(__GNUC__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wstrict-prototypes"
+#endif
+
 /** Declares the default _name of one row of the table. */
 #define ISP_IF_DECLARE_DEFAULT(name, kind) IBP_API u32 _##name(ISP_IF_ANY_ARGS);
 ISP_INTERFACE_TABLE(ISP_IF_DECLARE_DEFAULT)
@@ -286,6 +294,10 @@ ISP_INTERFACE_TABLE(ISP_IF_DECLARE_DEFAULT)
 #define ISP_IF_DECLARE_ENTRY(name, kind) IBP_API u32 name(ISP_IF_ANY_ARGS);
 ISP_INTERFACE_TABLE(ISP_IF_DECLARE_ENTRY)
 #undef ISP_IF_DECLARE_ENTRY
+#endif
+
+#if !defined(__cplusplus) && defined(__GNUC__)
+#pragma GCC diagnostic pop
 #endif
 
 /** @} */

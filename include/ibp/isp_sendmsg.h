@@ -54,6 +54,12 @@ IBP_API u32 MSG_ForwardMsg(u32 ulDstModuleID, MSG_HANDLE hReqMsg);
 /** Largest body of an application message: what is left of a message block. */
 #define ISP_MSG_MAX_BODY_LEN (MOD_BUF_MAX_LEN - 1u - MSG_HDR_LEN - ISP_MSG_HDR_LEN)
 
+/* C++ has flexible array members only as an extension of GCC and clang; the
+ * record is the same in both languages, so -pedantic need not say so. */
+#if defined(__cplusplus) && defined(__GNUC__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wpedantic"
+#endif
 /** The application message: a 24-byte head and ulBodyLen bytes, laid out in
  * the caller's memory exactly as it travels as a message body. */
 typedef struct {
@@ -65,6 +71,9 @@ typedef struct {
     u32 ulBodyLen;     /**< bytes of aucBody */
     u8 aucBody[];      /**< the body */
 } ISP_MSG_S;
+#if defined(__cplusplus) && defined(__GNUC__)
+#pragma GCC diagnostic pop
+#endif
 
 /** Sends pstReqMsg as a synchronous request to its ulDstModuleID and waits
  * at most ulTimeout ms. The request stays the caller's. The ack, a heap block

@@ -6,6 +6,10 @@
 #ifndef IBP_ISP_SYSTEM_H
 #define IBP_ISP_SYSTEM_H
 
+/* First: it asks for the POSIX types (struct sigaction) before any system
+ * header is read. */
+#include "ibp/isp_types.h"
+
 #include <dirent.h>
 #include <netdb.h>
 #include <netinet/in.h>
@@ -20,8 +24,6 @@
 #include <sys/types.h>
 #include <time.h>
 #include <unistd.h>
-
-#include "ibp/isp_types.h"
 
 IBP_EXTERN_C_BEGIN
 

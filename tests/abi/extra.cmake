@@ -17,3 +17,11 @@ add_test(NAME exported_names
 add_test(NAME library_soname
     COMMAND sh -c "${CMAKE_READELF} -d \"$1\" | grep -q 'SONAME.*\\[libibp\\.so\\.0\\]'"
             soname $<TARGET_FILE:ibp>)
+# Both read the object with the build host's tools, also for a target build.
+set_tests_properties(exported_names library_soname PROPERTIES LABELS host)
+
+# Each public header alone and first, strict C11 and C++17 -pedantic.
+add_test(NAME headers_alone
+    COMMAND sh ${CMAKE_CURRENT_LIST_DIR}/check_headers_alone.sh ${CMAKE_C_COMPILER} ${CMAKE_CXX_COMPILER}
+            ${PROJECT_SOURCE_DIR}/include ${IBP_GENERATED_INCLUDE})
+set_tests_properties(headers_alone PROPERTIES LABELS host TIMEOUT 120)

@@ -11,7 +11,7 @@ if(IBP_BUILD_APPS)
                     ${app} ${PROJECT_VERSION} ${CMAKE_CROSSCOMPILING_EMULATOR} $<TARGET_FILE:${app}>)
         set_tests_properties(app_conventions_${app} PROPERTIES TIMEOUT 60)
     endforeach()
-    if(NOT CMAKE_CROSSCOMPILING)
+    if(NOT CMAKE_CROSSCOMPILING_EMULATOR)
         add_test(NAME app_stop_errors
             COMMAND ${IBP_ISOLATE} sh ${CMAKE_CURRENT_LIST_DIR}/check_stop_errors.sh
                     ${CMAKE_CURRENT_LIST_DIR}/data/stop_errors.txt $<TARGET_FILE_DIR:ibp-isp>)

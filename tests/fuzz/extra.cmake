@@ -9,8 +9,8 @@ foreach(src ${IBP_FUZZ_SOURCES})
     add_executable(replay_${target} ${src} ${CMAKE_CURRENT_LIST_DIR}/replay_main.cpp)
     target_include_directories(replay_${target} PRIVATE ${PROJECT_SOURCE_DIR}/src)
     target_link_libraries(replay_${target} PRIVATE ibp_static)
-    if(CMAKE_CROSSCOMPILING)
-        target_link_options(replay_${target} PRIVATE -static)  # as every armhf test program
+    if(IBP_LINK_STATIC)
+        target_link_options(replay_${target} PRIVATE -static)
     endif()
     add_test(NAME fuzz_replay_${target}
         COMMAND ${IBP_ISOLATE} ${CMAKE_CROSSCOMPILING_EMULATOR} $<TARGET_FILE:replay_${target}>

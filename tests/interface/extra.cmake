@@ -4,11 +4,11 @@
 # cross nm reads the armhf object, so this needs nothing run on the target.
 add_test(NAME interface_weak_aliases
     COMMAND sh ${CMAKE_CURRENT_LIST_DIR}/check_weak_aliases.sh ${CMAKE_NM} $<TARGET_FILE:ibp> 206)
+set_tests_properties(interface_weak_aliases PROPERTIES LABELS host)
 
 # A program that brings its own ISP_ZoomIn and links the shared library, as a
-# service with an image library does. armhf programs are linked statically
-# for qemu-user, so this one runs on the build host only.
-if(NOT CMAKE_CROSSCOMPILING)
+# service with an image library does; not in a static build (qemu-user).
+if(NOT IBP_LINK_STATIC)
     add_executable(interface_override ${CMAKE_CURRENT_LIST_DIR}/interface_override.c)
     target_link_libraries(interface_override PRIVATE ibp ${CMAKE_DL_LIBS})
     # Its ISP_ZoomIn goes into the dynamic symbol table, where the loader

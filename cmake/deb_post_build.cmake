@@ -1,0 +1,37 @@
+# Run by cpack after the packages are made (CPACK_POST_BUILD_SCRIPTS), for
+# what this CPack cannot say itself:
+# - "Multi-Arch: same" in the packages of CPACK_IBP_MULTIARCH_SAME;
+# - no postinst and postrm that call ldconfig, which CPack writes into a
+#   package with a shared object in /usr/lib: the runtime package asks for
+#   dpkg's ldconfig trigger instead (cmake/deb/triggers).
+foreach(deb IN LISTS CPACK_PACKAGE_FILES)
+    get_filename_component(name ${deb} NAME)
+    string(REGEX REPLACE "_.*" "" package ${name})
+    set(tree ${deb}.tree)
+    file(REMOVE_RECURSE ${tree})
+    execute_process(COMMAND dpkg-deb -R ${deb} ${tree} RESULT_VARIABLE rc)
+    if(NOT rc EQUAL 0)
+        message(FATAL_ERROR "dpkg-deb -R ${deb} failed")
+    endif()
+    foreach(script postinst postrm)
+        if(EXISTS ${tree}/DEBIAN/${script})
+            file(READ ${tree}/DEBIAN/${script} text)
+            string(REGEX REPLACE "#![^\n]*|set -e|if \\[[^\n]*\\]; then|ldconfig|fi|[ \t\n]" "" rest "${text}")
+            if(NOT rest STREQUAL "")
+                message(FATAL_ERROR "${name}: ${script} does more than call ldconfig:\n${text}")
+            endif()
+            file(REMOVE ${tree}/DEBIAN/${script})
+        endif()
+    endforeach()
+    if(package IN_LIST CPACK_IBP_MULTIARCH_SAME)
+        file(READ ${tree}/DEBIAN/control control)
+        string(REGEX REPLACE "(\nArchitecture: [^\n]*\n)" "\\1Multi-Arch: same\n" control "\n${control}")
+        string(REGEX REPLACE "^\n" "" control "${control}")
+        file(WRITE ${tree}/DEBIAN/control "${control}")
+    endif()
+    execute_process(COMMAND dpkg-deb --root-owner-group -Zxz -b ${tree} ${deb} OUTPUT_QUIET RESULT_VARIABLE rc)
+    if(NOT rc EQUAL 0)
+        message(FATAL_ERROR "dpkg-deb -b ${deb} failed")
+    endif()
+    file(REMOVE_RECURSE ${tree})
+endforeach()
