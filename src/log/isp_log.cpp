@@ -192,6 +192,19 @@ void LOG_ComposeFormat(char (&acOut)[kRecordMax], u32 ulModule, u32 ulLevel,
         acOut[ulUsed] = '\n';
 }
 
+// A record needs all three texts; a missing one is told, in argument order,
+// like the log's other complaints, and the record is dropped.
+bool LOG_RefuseNull(const char *pcSrcFile, const char *pcFunc, const char *pcFormat)
+{
+    const char *pcMissing = pcSrcFile == nullptr ? "pcSrcFile"
+                            : pcFunc == nullptr  ? "pcFunc"
+                            : pcFormat == nullptr ? "pcFormat"
+                                                  : nullptr;
+    if (pcMissing != nullptr)
+        printf("%s is NULL\n", pcMissing);
+    return pcMissing != nullptr;
+}
+
 }  // namespace
 
 extern "C" {
@@ -220,6 +233,8 @@ IBP_API void LOG_Pirnt(u32 ulModule, u32 ulLevel, const char *pcSrcFile, const c
         ulLevel = LOG_LEVEL_INF;
     }
     if (LoadRelaxed(gstLogObj.aulLevel[ulModule]) > ulLevel)
+        return;
+    if (LOG_RefuseNull(pcSrcFile, pcFunc, pcFormat))
         return;
 
     char acComposite[kRecordMax];
