@@ -96,7 +96,6 @@ TEST(LogControl, ThresholdsSettersAndTheirRecords)
     EXPECT_EQ(IBP_LOG_SetLevelByName("af", 3), 0u);  // the whole name: AF, not AF_CALI
     EXPECT_EQ(IBP_LOG_SetLevelByName("ITF", 1), 1u);
     EXPECT_EQ(IBP_LOG_SetLevelByName("AE", 4), 1u);
-    EXPECT_EQ(IBP_LOG_SetLevelByName(nullptr, 1), 1u);
     const u32 *lv = gstLogObj.aulLevel;
     EXPECT_EQ(std::vector<u32>({lv[0], lv[LOG_MODULE_AWB], lv[LOG_MODULE_AF], lv[LOG_MODULE_AF_CALI],
                                 lv[LOG_MODULE_AE]}),
@@ -106,7 +105,7 @@ TEST(LogControl, ThresholdsSettersAndTheirRecords)
         "ERR][BP]module 12 invalid, set to BP", "ERR][BP]level 7 invalid, set to INFO",
         "ERR][BP]set module 0 log level to 1", "INF][BP]set module awb log level to 2",
         "INF][BP]set module af log level to 3", "ERR][BP]module ITF not found",
-        "ERR][BP]level 4 invalid", "ERR][BP]pcName is NULL"};
+        "ERR][BP]level 4 invalid"};
     std::vector<std::string> got;
     for (const auto &r : cap.Records())
         got.push_back(r.level + "][" + r.module + "]" + r.text);
