@@ -2,6 +2,8 @@
 // the one-element queue on top of them.
 #include "ibp/isp_circbuf.h"
 
+#include <pthread.h>
+
 #include <cstring>
 
 #include "containers/isp_circbuf_priv.h"
@@ -9,7 +11,6 @@
 #include "common/handle_set.h"
 #include "ibp/isp_system.h"
 #include "log/log_internal.h"
-#include "platform/isp_system_internal.h"
 #include "common/mod_list.h"
 
 IBP_LOG_SOURCE("isp_circbuf");
@@ -36,10 +37,21 @@ inline const char *CBufRefusal(CBUF_HANDLE hCBuf, const char *pcNullText = kBadH
 
 constexpr u32 kNameMax = sizeof(CBUF_S{}.acName) - 1;
 
-// Holds the buffer's mutex for a scope.
-class CBufLock : public IspMutexGuard {
+// Holds the buffer's mutex for a scope. The handle of ISP_mutex_init is the
+// address of a pthread mutex, and a living buffer always has one, so the
+// buffer locks it directly, without the handle check of ISP_mutex_lock.
+class CBufLock {
 public:
-    explicit CBufLock(const CBUF_S *pstCBuf) : IspMutexGuard(pstCBuf->hLock) {}
+    explicit CBufLock(const CBUF_S *pstCBuf) : pstLock_(static_cast<pthread_mutex_t *>(pstCBuf->hLock))
+    {
+        pthread_mutex_lock(pstLock_);
+    }
+    ~CBufLock() { pthread_mutex_unlock(pstLock_); }
+    CBufLock(const CBufLock &) = delete;
+    CBufLock &operator=(const CBufLock &) = delete;
+
+private:
+    pthread_mutex_t *pstLock_;
 };
 
 inline u32 CBufMask(const CBUF_S *pstCBuf) { return pstCBuf->ulElemNum - 1; }
