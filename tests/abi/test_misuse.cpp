@@ -12,6 +12,7 @@
 #include <fstream>
 #include <functional>
 #include <string>
+#include <tuple>
 #include <type_traits>
 #include <vector>
 
@@ -58,8 +59,28 @@ struct Row {
 long Ret(long l) { return l; }
 long Ret(const volatile void *p) { return p != nullptr; }
 long Ret(const struct tm &t) { return t.tm_mday; }
-// Captures by reference: for the rows written out in the table below.
-#define CALL(...) [&]([[maybe_unused]] const Args &a) { return Ret(__VA_ARGS__); }
+
+// A call with valid arguments, whose cases null its pointer arguments (counted
+// alone, in order) or put a bad handle in one of them.
+template <typename R, typename... P, typename... A> std::function<long(const Args &)> Call(R (*pfn)(P...), A... args)
+{
+    return [=](const Args &a) {
+        u32 i = 0;
+        const auto pick = [&]<typename T>(T v) {
+            if constexpr (std::is_pointer_v<T>)
+                return a.P(i++, v);
+            else
+                return v;
+        };
+        const std::tuple<A...> t{pick(args)...};  // left to right
+        if constexpr (std::is_void_v<R>)
+            return (std::apply(pfn, t), 0L);
+        else
+            return Ret(std::apply(pfn, t));
+    };
+}
+// A call made once, as written: a length or a block that the call can see is wrong.
+#define ONCE(...) [&](const Args &) { return Ret(__VA_ARGS__); }
 
 std::string Expected(const std::string &s)
 {
@@ -126,7 +147,7 @@ TEST_F(Misuse, EveryCallRefusesWithItsResultAndRecord)
     CMD_ELEMENT_S stElem{};
     XML_DOC_S stNoTree{};
     XML_GET_TABLE_S astTable[1] = {};
-    ISP_LIN_S stLin = {{{10, 1}}, 1}, stLin11 = {{}, 11};
+    ISP_LIN_S stLin = {{{10, 1}}, 1};
     u8 aucMem[64] = {}, aucMac[6];
     u32 aul[2] = {1, 1}, ulNum = 8, ulZero = 0;
     void *pMem = nullptr;
@@ -143,151 +164,138 @@ TEST_F(Misuse, EveryCallRefusesWithItsResultAndRecord)
 
     std::vector<Row> rows = {
         // start, the log
-        {CALL(IBP_Init(a.P(0, (IBP_INIT_S *)nullptr))), 1, {"out:pstInit is NULL"}},
-        {CALL(IBP_LOG_Init(a.P(0, (const LOG_INIT_S *)nullptr))), 1, {"out:pstInit is NULL!"}},
-        {CALL(IBP_LOG_SetLevelByName(a.P(0, "BP"), 1)), 1, {"pcName is NULL"}},
-        {CALL((LOG_Pirnt(0, 3, a.P(0, "f"), a.P(1, "fn"), 1, a.P(2, "%s"), "x"), 0)), 0,
+        {Call(IBP_Init, (IBP_INIT_S *)nullptr), 1, {"out:pstInit is NULL"}},
+        {Call(IBP_LOG_Init, (const LOG_INIT_S *)nullptr), 1, {"out:pstInit is NULL!"}},
+        {Call(IBP_LOG_SetLevelByName, "BP", 1), 1, {"pcName is NULL"}},
+        {[](const Args &a) { return (LOG_Pirnt(0, 3, a.P(0, "f"), a.P(1, "fn"), 1, a.P(2, "%s"), "x"), 0L); }, 0,
          {"out:pcSrcFile is NULL", "out:pcFunc is NULL", "out:pcFormat is NULL"}},
-        {CALL(IBP_SetLoglevel(a.P(0, &ulNum), acOut)), 1, {"pulOutBufLen is NULL"}},
+        {Call(IBP_SetLoglevel, &ulNum, acOut), 1, {"pulOutBufLen is NULL"}},
         // modules, queues, handlers, transport
-        {CALL(MOD_GetProcCfgByName(a.P(0, "ISP"))), 0, {"pcProcName is NULL"}},
-        {CALL(MOD_GetModuleCfgByName(a.P(0, "ISP"))), 0, {"pcModuleName is NULL"}},
-        {CALL(MOD_RegModule(a.P(0, "ISP_IMG"), a.P(1, &ulNum))), 1, {"pcModuleName is NULL", "pulModuleID is NULL"}},
-        {CALL(MOD_AddModuleMsg(a.P(0, &stQueue), a.P(1, hMsg))), 1, {"pstMsgCtrl is NULL", "pstModBuf is NULL"}},
-        {CALL(MOD_GetModuleMsg(a.P(0, &stQueue), MOD_GET_BY_ORDER, 0)), 0, {"pstMsgCtrl is NULL"}},
-        {CALL(MOD_RecvMsgProc(a.P(0, pstProc))), 1, {"pstModule is NULL"}},
-        {CALL(MOD_SendMsgProc(a.P(0, pstProc), a.P(1, hMsg))), 1, {"pstSrcModule is NULL", "pstModBuf is NULL"}},
-        {CALL(MOD_SendMsgProc(pstProc, hShort)), 1, {"buf memory addr invalid"}},
-        {CALL(MOD_SysInit(a.P(0, "ISP"), MOD_PROC_ID_ISP)), 1, {"pcProcName is NULL"}},
-        {CALL(MOD_RecvSocketData(a.P(0, &stAddr))), 1, {"pstAddr is NULL"}},
-        {CALL(MOD_ParseSocketMsg(&stAddr, nullptr)), 1, {"pulFlag is NULL"}},
-        {CALL((MOD_DestroyProcEpoll(a.P(0, (MOD_PROC_S *)nullptr)), 0)), 0, {"pstProc is NULL"}},
-        {CALL(MOD_RegMsgProc(kImg, 1, a.P(0, Handler), nullptr)), 1, {"pfnMsgProc is NULL"}},
-        {CALL(MOD_AddMsgProc(a.P(0, pstHandlers), 1, a.P(1, Handler), nullptr)), 1,
-         {"pstMsgProcCtrl is NULL", "pfnMsgProc is NULL"}},
-        {CALL(MOD_DelMsgProc(a.P(0, pstHandlers), 1)), 1, {"pstMsgProcCtrl is NULL"}},
-        {CALL(MOD_GetMsgProc(a.P(0, pstHandlers), 1)), 0, {"pstCtrl is NULL"}},
+        {Call(MOD_GetProcCfgByName, "ISP"), 0, {"pcProcName is NULL"}},
+        {Call(MOD_GetModuleCfgByName, "ISP"), 0, {"pcModuleName is NULL"}},
+        {Call(MOD_RegModule, "ISP_IMG", &ulNum), 1, {"pcModuleName is NULL", "pulModuleID is NULL"}},
+        {Call(MOD_AddModuleMsg, &stQueue, hMsg), 1, {"pstMsgCtrl is NULL", "pstModBuf is NULL"}},
+        {Call(MOD_GetModuleMsg, &stQueue, MOD_GET_BY_ORDER, 0), 0, {"pstMsgCtrl is NULL"}},
+        {Call(MOD_RecvMsgProc, pstProc), 1, {"pstModule is NULL"}},
+        {Call(MOD_SendMsgProc, pstProc, hMsg), 1, {"pstSrcModule is NULL", "pstModBuf is NULL"}},
+        {Call(MOD_SysInit, "ISP", MOD_PROC_ID_ISP), 1, {"pcProcName is NULL"}},
+        {Call(MOD_RecvSocketData, &stAddr), 1, {"pstAddr is NULL"}},
+        {ONCE(MOD_ParseSocketMsg(&stAddr, nullptr)), 1, {"pulFlag is NULL"}},
+        {Call(MOD_DestroyProcEpoll, (MOD_PROC_S *)nullptr), 0, {"pstProc is NULL"}},
+        {Call(MOD_RegMsgProc, kImg, 1, Handler, nullptr), 1, {"pfnMsgProc is NULL"}},
+        {Call(MOD_AddMsgProc, pstHandlers, 1, Handler, nullptr), 1, {"pstMsgProcCtrl is NULL", "pfnMsgProc is NULL"}},
+        {Call(MOD_DelMsgProc, pstHandlers, 1), 1, {"pstMsgProcCtrl is NULL"}},
+        {Call(MOD_GetMsgProc, pstHandlers, 1), 0, {"pstCtrl is NULL"}},
         // message objects and sending; a block too short for a header, a header that claims too much
-        {CALL(MOD_GetBuf(MOD_BUF_MAX_LEN)), 0, {"request memory size 8192 too big"}},
-        {CALL((MOD_FreeBuf(a.P(0, hMsg)), 0)), 0, {"pstModBuf is NULL"}},
-        {CALL((MSG_Destroy(a.P(0, hMsg)), 0)), 0, {"pstModBuf is NULL"}},
-        {CALL(MSG_Create(a.P(0, "hi"), 2)), 0, {"pulMem is NULL"}},
-        {CALL(MSG_Clone(a.P(0, hShort))), 0, {"hMsg is invalid"}},
-        {CALL(MSG_Decode(a.P(0, hMsg), a.P(1, &pMem), a.P(2, &ulNum))), 1,
-         {"hMsg is invalid", "ppMemAddr is NULL", "pulMemLen is NULL"}},
-        {CALL(MSG_Decode(hLying, &pMem, &ulNum)), 1,
+        {Call(MOD_FreeBuf, hMsg), 0, {"pstModBuf is NULL"}},
+        {Call(MSG_Destroy, hMsg), 0, {"pstModBuf is NULL"}},
+        {Call(MSG_Create, "hi", 2), 0, {"pulMem is NULL"}},
+        {Call(MSG_Clone, hShort), 0, {"hMsg is invalid"}},
+        {Call(MSG_Decode, hMsg, &pMem, &ulNum), 1, {"hMsg is invalid", "ppMemAddr is NULL", "pulMemLen is NULL"}},
+        {ONCE(MSG_Decode(hLying, &pMem, &ulNum)), 1,
          {"message body len error! ulMsgBodyLen=100 ulHdrLen=48 ulBufLen=50"}},
-        {CALL(MSG_GetAssMsgID(a.P(0, hMsg), a.P(1, &ulNum))), 1, {"hMsg is invalid", "pulAssMsgID is NULL"}},
-        {CALL(MSG_GetAssMsgID(hShort, &ulNum)), 1, {"pstMsgHdr is NULL"}},
-        {CALL(MSG_CheckHdr(a.P(0, (const char *)aucMem), 48)), 1, {"pcMsgHdr is NULL"}},
-        {CALL(MSG_ConfigHdr(a.P(0, hShort), kProc, kImg, MSG_TYPE_SYNC_REQ, 1)), 1, {"hMsg is invalid"}},
-        {CALL(MSG_ConfigHdr(hShort, kProc, kImg, MSG_TYPE_SYNC_REQ, 1)), 1, {"pstMsgHdr is NULL"}},
-        {CALL(MSG_SendSyncMsg(kImg, 1, a.P(0, hShort), 10, a.P(1, &hAck))), 1,
-         {"hReqMsg is invalid", "phAckMsg is NULL!"}},
-        {CALL(MSG_SendSyncMsg(kImg, 1, hShort, 10, &hAck)), 1, {"pstMsgHdr is NULL"}},
-        {CALL(MSG_SendAsyncMsg(kImg, 1, a.P(0, hShort))), 1, {"hReqMsg is invalid"}},
-        {CALL(MSG_SendAsyncMsg(kImg, 1, MOD_GetBuf(8))), 1, {"pstMsgHdr is NULL"}},  // and destroyed
-        {CALL(MSG_SendAckMsg(a.P(0, hMsg), a.P(1, hMsg))), 1, {"hReqMsg is invalid", "hAckMsg is invalid"}},
-        {CALL(MSG_SendAckMsg(hShort, hMsg)), 1, {"hReqMsg is invalid"}},
-        {CALL(MSG_ForwardMsg(MOD_ID_ISP_CMD, a.P(0, hShort))), 1, {"hReqMsg is invalid"}},
-        {CALL(MSG_ForwardMsg(MOD_ID_ISP_CMD, hShort)), 1, {"get request message header fail"}},
-        {CALL(ISP_SendSyncMsg(a.P(0, &stRec), 10, a.P(1, &pstAck))), 1, {"pstReqMsg is NULL", "ppstAckMsg is NULL"}},
-        {CALL(ISP_SendSyncMsg(&stHuge, 10, &pstAck)), 1, {"request memory size 4294967295 too big"}},
-        {CALL(ISP_SendAsyncMsg(a.P(0, &stRec))), 1, {"pstReqMsg is NULL"}},
-        {CALL(ISP_SendAsyncMsg(&stHuge)), 1, {"request memory size 4294967295 too big"}},
-        {CALL(ISP_SendAckMsg(a.P(0, hMsg), a.P(1, "hi"), 2)), 1, {"hReqMsg is invalid", "pulMem is NULL"}},
-        {CALL(ISP_IsMsgValid(a.P(0, &stRec), 24)), 0, {"pstMsg is NULL"}},
+        {Call(MSG_GetAssMsgID, hMsg, &ulNum), 1, {"hMsg is invalid", "pulAssMsgID is NULL"}},
+        {ONCE(MSG_GetAssMsgID(hShort, &ulNum)), 1, {"pstMsgHdr is NULL"}},
+        {Call(MSG_CheckHdr, (const char *)aucMem, 48), 1, {"pcMsgHdr is NULL"}},
+        {Call(MSG_ConfigHdr, hShort, kProc, kImg, MSG_TYPE_SYNC_REQ, 1), 1, {"hMsg is invalid"}},
+        {ONCE(MSG_ConfigHdr(hShort, kProc, kImg, MSG_TYPE_SYNC_REQ, 1)), 1, {"pstMsgHdr is NULL"}},
+        {Call(MSG_SendSyncMsg, kImg, 1, hShort, 10, &hAck), 1, {"hReqMsg is invalid", "phAckMsg is NULL!"}},
+        {ONCE(MSG_SendSyncMsg(kImg, 1, hShort, 10, &hAck)), 1, {"pstMsgHdr is NULL"}},
+        {Call(MSG_SendAsyncMsg, kImg, 1, hShort), 1, {"hReqMsg is invalid"}},
+        {ONCE(MSG_SendAsyncMsg(kImg, 1, MOD_GetBuf(8))), 1, {"pstMsgHdr is NULL"}},  // and destroyed
+        {Call(MSG_SendAckMsg, hMsg, hMsg), 1, {"hReqMsg is invalid", "hAckMsg is invalid"}},
+        {ONCE(MSG_SendAckMsg(hShort, hMsg)), 1, {"hReqMsg is invalid"}},
+        {Call(MSG_ForwardMsg, MOD_ID_ISP_CMD, hShort), 1, {"hReqMsg is invalid"}},
+        {ONCE(MSG_ForwardMsg(MOD_ID_ISP_CMD, hShort)), 1, {"get request message header fail"}},
+        {Call(ISP_SendSyncMsg, &stRec, 10, &pstAck), 1, {"pstReqMsg is NULL", "ppstAckMsg is NULL"}},
+        {ONCE(ISP_SendSyncMsg(&stHuge, 10, &pstAck)), 1, {"request memory size 4294967295 too big"}},
+        {Call(ISP_SendAsyncMsg, &stRec), 1, {"pstReqMsg is NULL"}},
+        {ONCE(ISP_SendAsyncMsg(&stHuge)), 1, {"request memory size 4294967295 too big"}},
+        {Call(ISP_SendAckMsg, hMsg, "hi", 2), 1, {"hReqMsg is invalid", "pulMem is NULL"}},
+        {Call(ISP_IsMsgValid, &stRec, 24), 0, {"pstMsg is NULL"}},
         // circular buffers and queues
-        {CALL(CBUF_Init(a.P(0, &stInit))), 0, {"pstInit is NULL"}},
-        {CALL(CQUE_Init(a.P(0, &stInit))), 0, {"pstInit is NULL"}},
-        {CALL(CBUF_IsEmpty(a.P(0, hBuf))), 0, {"hCBuf is invalid"}, kBuf},
-        {CALL(CBUF_IsFull(a.P(0, hBuf))), 0, {"pstCBuf is NULL!"}, kBuf},
-        {CALL(CBUF_Read(a.P(0, hBuf), 1, a.P(1, aucMem))), -1, {"hCBuf is invalid", "pMem is NULL"}, kBuf},
-        {CALL(CBUF_Write(a.P(0, hBuf), a.P(1, aucMem), 1)), -1, {"hCBuf is invalid", "pMem is NULL"}, kBuf},
-        {CALL(CBUF_Prefetch(a.P(0, hBuf), 1, a.P(1, aucMem))), -1, {"hCBuf is invalid", "pMem is NULL"}, kBuf},
-        {CALL(CQUE_Pop(a.P(0, hBuf), a.P(1, aucMem))), 1, {"hCBuf is invalid", "pMem is NULL"}, kBuf},
-        {CALL(CQUE_Push(a.P(0, hBuf), a.P(1, aucMem))), 1, {"hCBuf is invalid", "pMem is NULL"}, kBuf},
-        {CALL(CBUF_Iterate(a.P(0, hBuf), a.P(1, Visit), nullptr)), 1, {"hCBuf is invalid", "pfnIter is NULL"}, kBuf},
-        {CALL(CQUE_Iterate(a.P(0, hBuf), a.P(1, Visit), nullptr)), 1, {"hCBuf is invalid", "pfnIter is NULL"}, kBuf},
-        {CALL(CBUF_GetWriteMemNum(a.P(0, hBuf), a.P(1, &pMem), a.P(2, &ulNum), a.P(3, aul))), 1,
+        {Call(CBUF_Init, &stInit), 0, {"pstInit is NULL"}},
+        {Call(CQUE_Init, &stInit), 0, {"pstInit is NULL"}},
+        {Call(CBUF_IsEmpty, hBuf), 0, {"hCBuf is invalid"}, kBuf},
+        {Call(CBUF_IsFull, hBuf), 0, {"pstCBuf is NULL!"}, kBuf},
+        {Call(CBUF_Read, hBuf, 1, aucMem), -1, {"hCBuf is invalid", "pMem is NULL"}, kBuf},
+        {Call(CBUF_Write, hBuf, aucMem, 1), -1, {"hCBuf is invalid", "pMem is NULL"}, kBuf},
+        {Call(CBUF_Prefetch, hBuf, 1, aucMem), -1, {"hCBuf is invalid", "pMem is NULL"}, kBuf},
+        {Call(CQUE_Pop, hBuf, aucMem), 1, {"hCBuf is invalid", "pMem is NULL"}, kBuf},
+        {Call(CQUE_Push, hBuf, aucMem), 1, {"hCBuf is invalid", "pMem is NULL"}, kBuf},
+        {Call(CBUF_Iterate, hBuf, Visit, nullptr), 1, {"hCBuf is invalid", "pfnIter is NULL"}, kBuf},
+        {Call(CQUE_Iterate, hBuf, Visit, nullptr), 1, {"hCBuf is invalid", "pfnIter is NULL"}, kBuf},
+        {Call(CBUF_GetWriteMemNum, hBuf, &pMem, &ulNum, aul), 1,
          {"hCBuf is NULL", "pWriteMem is NULL", "pulNum is NULL", "pbNext is NULL"}, kBuf},
-        {CALL(CBUF_SetWriteNum(a.P(0, hBuf), 0)), 1, {"hCBuf is invalid"}, kBuf},
-        {CALL(CBUF_SetWriteNum(hBuf, 8)), 1, {"circ buf space not enough! request=8 space=7 maxNum=8"}},
-        {CALL(CBUF_GetReadNum(a.P(0, hBuf), a.P(1, &ulNum))), 1, {"hCBuf is invalid", "pulNum is NULL"}, kBuf},
-        {CALL(CBUF_DropElem(a.P(0, hBuf), 1)), 1, {"hCBuf is invalid"}, kBuf},
-        {CALL(CBUF_TokenLocate(a.P(0, hBuf), a.P(1, (const u8 *)aucMem), 1)), 1,
-         {"hCBuf is invalid", "pucToken is NULL"}, kBuf},
+        {Call(CBUF_SetWriteNum, hBuf, 0), 1, {"hCBuf is invalid"}, kBuf},
+        {ONCE(CBUF_SetWriteNum(hBuf, 8)), 1, {"circ buf space not enough! request=8 space=7 maxNum=8"}},
+        {Call(CBUF_GetReadNum, hBuf, &ulNum), 1, {"hCBuf is invalid", "pulNum is NULL"}, kBuf},
+        {Call(CBUF_DropElem, hBuf, 1), 1, {"hCBuf is invalid"}, kBuf},
+        {Call(CBUF_TokenLocate, hBuf, (const u8 *)aucMem, 1), 1, {"hCBuf is invalid", "pucToken is NULL"}, kBuf},
         // sockets
-        {CALL(SKT_UdpInit(a.P(0, &stSock))), 0, {"pstSockInfo is NULL"}},
-        {CALL(SKT_TcpInit(a.P(0, &stSock))), 0, {"pstSockInfo is NULL"}},
-        {CALL(SKT_GetSocketFD(a.P(0, hSock))), -1, {"pstSocketCB is NULL"}, kSock},
-        {CALL(SKT_GetMacAddr(a.P(0, "lo"), a.P(1, aucMac))), 1, {"pcNetName is NULL!", "pucMacAddr is NULL!"}},
-        {CALL(SKT_TcpPollSock(0, &hSock, 10)), 1, {"invalid socket number"}},
-        {CALL(SKT_TcpConnect(a.P(0, hSock))), 1, {"pstSocketCB is NULL"}, kSock},
-        {CALL(SKT_TcpSend(a.P(0, hSock), 4, aucMem, aul, aul)), -1, {"pstSocketCB is NULL!"}, kSock},
-        {CALL(SKT_TcpSend(hSock, 4, a.P(0, aucMem), a.P(1, aul), a.P(2, aul))), 1,
+        {Call(SKT_UdpInit, &stSock), 0, {"pstSockInfo is NULL"}},
+        {Call(SKT_TcpInit, &stSock), 0, {"pstSockInfo is NULL"}},
+        {Call(SKT_GetSocketFD, hSock), -1, {"pstSocketCB is NULL"}, kSock},
+        {Call(SKT_GetMacAddr, "lo", aucMac), 1, {"pcNetName is NULL!", "pucMacAddr is NULL!"}},
+        {ONCE(SKT_TcpPollSock(0, &hSock, 10)), 1, {"invalid socket number"}},
+        {Call(SKT_TcpConnect, hSock), 1, {"pstSocketCB is NULL"}, kSock},
+        {Call(SKT_TcpSend, hSock, 4, aucMem, aul, aul), -1, {"pstSocketCB is NULL!"}, kSock},
+        {[&](const Args &a) { return Ret(SKT_TcpSend(hSock, 4, a.P(0, aucMem), a.P(1, aul), a.P(2, aul))); }, 1,
          {"pucBuf is NULL", "pulRetryNum is NULL", "pulSleepTime is NULL"}},
-        {CALL(SKT_TcpRecv(a.P(0, hSock), 0, a.P(1, &ulNum), a.P(2, aucMem))), 1,
+        {Call(SKT_TcpRecv, hSock, 0, &ulNum, aucMem), 1,
          {"pstSocketCB is NULL", "pulDataLen is NULL", "pucBuf is NULL"}, kSock},
-        {CALL(SKT_TcpRecv(hSock, 0, &ulZero, aucMem)), 1, {"Param illegal, datalen is 0"}},
+        {ONCE(SKT_TcpRecv(hSock, 0, &ulZero, aucMem)), 1, {"Param illegal, datalen is 0"}},
         // debug commands and the command line
-        {CALL((CMD_SetCmdElement(a.P(0, &stElem), 1, a.P(1, "t"), nullptr), 0)), 0,
-         {"Param illegal, pstCmdE:(nil), pcCmdTitle:(nil)",
+        {Call(CMD_SetCmdElement, &stElem, 1, "t", nullptr), 0, {"Param illegal, pstCmdE:(nil), pcCmdTitle:(nil)",
           "Param illegal, pstCmdE:" + Ptr(&stElem) + ", pcCmdTitle:(nil)"}},
-        {CALL(CMD_RegDisplayCmd(a.P(0, MOD_PrintProcCfg), a.P(1, &stElem), 1)), 1,
-         {"pfnCmdProc is NULL", "invaild input param."}},
-        {CALL(CMD_ProcMsg(0x10002, a.P(0, hMsg), nullptr)), 0, {"hReqMsg is invalid"}},
-        {CALL(CMD_GetParamNumFromMsg(a.P(0, aucMem), a.P(1, &ulNum))), 1, {"pParamMsg is NULL", "pulParamNum is NULL"}},
-        {CALL(CMD_GetParamInfoFromMsg(1, nullptr, a.P(0, &pcParam))), 1,
-         {"Param illegal, ppcParaInfo:(nil), ulParaSeq:1"}},
-        {CALL(CMD_GetParamInfoFromMsg(8, nullptr, &pcParam)), 1,
+        {Call(CMD_RegDisplayCmd, MOD_PrintProcCfg, &stElem, 1), 1, {"pfnCmdProc is NULL", "invaild input param."}},
+        {Call(CMD_ProcMsg, 0x10002, hMsg, nullptr), 0, {"hReqMsg is invalid"}},
+        {Call(CMD_GetParamNumFromMsg, aucMem, &ulNum), 1, {"pParamMsg is NULL", "pulParamNum is NULL"}},
+        {Call(CMD_GetParamInfoFromMsg, 1, nullptr, &pcParam), 1, {"Param illegal, ppcParaInfo:(nil), ulParaSeq:1"}},
+        {ONCE(CMD_GetParamInfoFromMsg(8, nullptr, &pcParam)), 1,
          {"Param illegal, ppcParaInfo:" + Ptr(&pcParam) + ", ulParaSeq:8"}},
-        {CALL(ISP_CLI_PrintTree(a.P(0, (CLI_NODE_S *)nullptr))), 1, {"ERR CLI pstCurModule is NULL"}},
+        {Call(ISP_CLI_PrintTree, (CLI_NODE_S *)nullptr), 1, {"ERR CLI pstCurModule is NULL"}},
         // XML documents and readers
-        {CALL(XML_Init(a.P(0, "/tmp/m.xml"), nullptr)), 0, {"pcXmlFile is NULL"}},
-        {CALL(XML_InitLensFile(a.P(0, "/tmp/m.xml"))), 0, {"pcXmlFile is NULL"}},
-        {CALL((XML_Destroy(a.P(0, &stNoTree)), 0)), 0, {"hHandle is invalid"}},
-        {CALL((XML_Destroy(&stNoTree), 0)), 0, {"xml node is invalid"}},
-        {CALL(XML_GetNodeset(a.P(0, hDoc), a.P(1, "cfg"))), 0, {"hHandle is invalid", "pcNodePath is NULL"}},
-        {CALL(XML_GetNodeset(&stNoTree, "cfg")), 0, {"xml node is invalid"}},
-        {CALL(XML_GetInt(a.P(0, hN), 4, a.P(1, aul), a.P(2, aul))), 1,
-         {"hNode is invalid", "pulElemNum is NULL", "pValue is NULL"}},
-        {CALL(XML_GetIntArray(a.P(0, hN), 4, a.P(1, aul), aul)), 1, {"hNode is invalid", "pulElemNum is NULL"}},
-        {CALL(XML_GetString(a.P(0, hN), 0, a.P(1, aul), a.P(2, acOut))), 1,
-         {"hNode is invalid", "pulSize is NULL", "pValue is NULL"}},
-        {CALL(XML_BatchGet(a.P(0, hDoc), a.P(1, "cfg"), a.P(2, astTable), 1, a.P(3, aul))), 1,
+        {Call(XML_Init, "/tmp/m.xml", nullptr), 0, {"pcXmlFile is NULL"}},
+        {Call(XML_InitLensFile, "/tmp/m.xml"), 0, {"pcXmlFile is NULL"}},
+        {Call(XML_Destroy, &stNoTree), 0, {"hHandle is invalid"}},
+        {ONCE((XML_Destroy(&stNoTree), 0)), 0, {"xml node is invalid"}},
+        {Call(XML_GetNodeset, hDoc, "cfg"), 0, {"hHandle is invalid", "pcNodePath is NULL"}},
+        {ONCE(XML_GetNodeset(&stNoTree, "cfg")), 0, {"xml node is invalid"}},
+        {Call(XML_GetInt, hN, 4, aul, aul), 1, {"hNode is invalid", "pulElemNum is NULL", "pValue is NULL"}},
+        {Call(XML_GetIntArray, hN, 4, aul, aul), 1, {"hNode is invalid", "pulElemNum is NULL"}},
+        {Call(XML_GetString, hN, 0, aul, acOut), 1, {"hNode is invalid", "pulSize is NULL", "pValue is NULL"}},
+        {Call(XML_BatchGet, hDoc, "cfg", astTable, 1, aul), 1,
          {"hHandle is invalid", "pcNodePath is NULL", "pstGetTable is NULL", "pValue is NULL"}},
-        {CALL(XML_GetIntArray2D(a.P(0, hDoc), a.P(1, "cfg"), 4, a.P(2, aul), a.P(3, aul))), 1,
+        {Call(XML_GetIntArray2D, hDoc, "cfg", 4, aul, aul), 1,
          {"hHandle is invalid", "pcNodePath is NULL", "pulElemNum is NULL", "pValue is NULL"}},
         // numeric helpers
-        {CALL(ISP_PieceWiseLinInterp_llu(a.P(0, &stLin), 5, a.P(1, &ulNum))), 1, {"pstLin is NULL", "pulY is NULL"}},
-        {CALL(ISP_PieceWiseLinInterp_llu(&stLin11, 5, &ulNum)), 1, {"piece wise linear point num 11 > 10"}},
-        {CALL(__ISP_div0(a.P(0, "f.c"), 7, 1, 0, 0)), 1,
-         {"WRN BP in file=(null) line=7: div 0 detected! divdend=1 divisor=0"}},
+        {Call(ISP_PieceWiseLinInterp_llu, &stLin, 5, &ulNum), 1, {"pstLin is NULL", "pulY is NULL"}},
+        {Call(__ISP_div0, "f.c", 7, 1, 0, 0), 1, {"WRN BP in file=(null) line=7: div 0 detected! divdend=1 divisor=0"}},
         // the ISP_ layer's own functions: results only, no record, but for the mutex handles
-        {CALL(ISP_mutex_lock(a.P(0, aucMem))), -1, {"hHandle is NULL!"}},
-        {CALL(ISP_mutex_unlock(a.P(0, aucMem))), -1, {"hHandle is NULL!"}},
-        {CALL((ISP_mutex_destroy(a.P(0, aucMem)), 0)), 0, {"handle is NULL"}},
-        {CALL(ISP_thr_create(a.P(0, (ISP_THR_ENTRY_PFN) nullptr), nullptr, 0, nullptr, 0)), -1, {""}},
-        {CALL(ISP_check_running(a.P(0, "misuse"))), 1, {""}},
-        {CALL(ISP_system(a.P(0, "true"))), -1, {""}},
-        {CALL(ISP_prctl(PR_SET_NAME, 0, 0, 0, 0)), -1, {""}},
-        {CALL(ISP_copy(a.P(0, "/tmp/m.xml"), a.P(1, "/tmp/n.xml"))), -1, {"", ""}},
-        {CALL(ISP_mkdir(a.P(0, "/tmp/d"), 0755)), 0, {""}},
-        {CALL(ISP_rmdir(a.P(0, "/tmp/d"), nullptr)), -1, {""}},
-        {CALL(ISP_strnstr(a.P(0, "abc"), a.P(1, "b"), 1)), 0, {"", ""}},
-        {CALL(ISP_strlstr(a.P(0, "abc"), a.P(1, "b"), 1)), 0, {"", ""}},
-        {CALL(ISP_strnchr(a.P(0, "abc"), 'b', 3)), 0, {""}},
-        {CALL(ISP_ltoa(5, a.P(0, acOut), 10)), 0, {""}},
-        {CALL(ISP_atodul(a.P(0, "5"))), 0, {""}},
-        {CALL(ISP_dultoa(5, a.P(0, acOut))), -1, {""}},
-        {CALL(ISP_gmtime(a.P(0, &tNow))), 0, {""}},
-        {CALL(ISP_localtime(a.P(0, &tNow))), 0, {""}},
-        {CALL(ISP_localtime_r(a.P(0, &tNow), a.P(1, &stTm))), 0, {"", ""}},
-        {CALL(ISP_settimeofday(a.P(0, (const ISP_TIMEVAL_S *)nullptr))), -1, {""}},
-        {CALL(ISP_clock_gettime(0, a.P(0, (ISP_TIMESPEC_S *)nullptr))), -1, {""}},
-        {CALL(ISP_GetMonotonicTime(a.P(0, (u64 *)nullptr))), -1, {""}},
-        {CALL(ISP_nanosleep(a.P(0, (const ISP_TIMESPEC_S *)nullptr), nullptr)), -1, {""}},
+        {Call(ISP_mutex_lock, aucMem), -1, {"hHandle is NULL!"}},
+        {Call(ISP_mutex_unlock, aucMem), -1, {"hHandle is NULL!"}},
+        {Call(ISP_mutex_destroy, aucMem), 0, {"handle is NULL"}},
+        {Call(ISP_thr_create, (ISP_THR_ENTRY_PFN) nullptr, nullptr, 0, nullptr, 0), -1, {""}},
+        {Call(ISP_check_running, "misuse"), 1, {""}},
+        {Call(ISP_system, "true"), -1, {""}},
+        {ONCE(ISP_prctl(PR_SET_NAME, 0, 0, 0, 0)), -1, {""}},
+        {Call(ISP_copy, "/tmp/m.xml", "/tmp/n.xml"), -1, {"", ""}},
+        {Call(ISP_mkdir, "/tmp/d", 0755), 0, {""}},
+        {Call(ISP_rmdir, "/tmp/d", nullptr), -1, {""}},
+        {Call(ISP_strnstr, "abc", "b", 1), 0, {"", ""}},
+        {Call(ISP_strlstr, "abc", "b", 1), 0, {"", ""}},
+        {Call(ISP_strnchr, "abc", 'b', 3), 0, {""}},
+        {Call(ISP_ltoa, 5, acOut, 10), 0, {""}},
+        {Call(ISP_atodul, "5"), 0, {""}},
+        {Call(ISP_dultoa, 5, acOut), -1, {""}},
+        {Call(ISP_gmtime, &tNow), 0, {""}},
+        {Call(ISP_localtime, &tNow), 0, {""}},
+        {Call(ISP_localtime_r, &tNow, &stTm), 0, {"", ""}},
+        {Call(ISP_settimeofday, (const ISP_TIMEVAL_S *)nullptr), -1, {""}},
+        {Call(ISP_clock_gettime, 0, (ISP_TIMESPEC_S *)nullptr), -1, {""}},
+        {Call(ISP_GetMonotonicTime, (u64 *)nullptr), -1, {""}},
+        {Call(ISP_nanosleep, (const ISP_TIMESPEC_S *)nullptr, nullptr), -1, {""}},
     };
     // Calls of one shape share their rows.
     for (void (*pfn)(CBUF_HANDLE) : {CBUF_Destroy, CQUE_Destroy, CBUF_Reset, CQUE_Reset})
