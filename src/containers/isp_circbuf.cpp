@@ -2,13 +2,15 @@
 // the one-element queue on top of them.
 #include "ibp/isp_circbuf.h"
 
+#include <pthread.h>
+
 #include <cstring>
 
 #include "containers/isp_circbuf_priv.h"
 #include "common/cmd_display.h"
+#include "common/handle_set.h"
 #include "ibp/isp_system.h"
 #include "log/log_internal.h"
-#include "platform/isp_system_internal.h"
 #include "common/mod_list.h"
 
 IBP_LOG_SOURCE("isp_circbuf");
@@ -19,12 +21,37 @@ namespace {
 // and shut-down of their users.
 MOD_LIST_S gstCBufList = {&gstCBufList, &gstCBufList};
 
+// The same buffers, for the handle check of every call.
+HandleSet<11> gstLiveCBufs;
+
+constexpr const char *kBadHandle = "hCBuf is invalid";
+
+// Why a call refuses hCBuf, or null when it names a living buffer. The check
+// never reads the block behind the handle, so a handle never made or already
+// destroyed is refused safely; a buffer destroyed while another thread is
+// still inside a call on it is that caller's race, not caught here.
+inline const char *CBufRefusal(CBUF_HANDLE hCBuf, const char *pcNullText = kBadHandle)
+{
+    return gstLiveCBufs.Refusal(hCBuf, pcNullText, kBadHandle);
+}
+
 constexpr u32 kNameMax = sizeof(CBUF_S{}.acName) - 1;
 
-// Holds the buffer's mutex for a scope.
-class CBufLock : public IspMutexGuard {
+// Holds the buffer's mutex for a scope. The handle of ISP_mutex_init is the
+// address of a pthread mutex, and a living buffer always has one, so the
+// buffer locks it directly, without the handle check of ISP_mutex_lock.
+class CBufLock {
 public:
-    explicit CBufLock(const CBUF_S *pstCBuf) : IspMutexGuard(pstCBuf->hLock) {}
+    explicit CBufLock(const CBUF_S *pstCBuf) : pstLock_(static_cast<pthread_mutex_t *>(pstCBuf->hLock))
+    {
+        pthread_mutex_lock(pstLock_);
+    }
+    ~CBufLock() { pthread_mutex_unlock(pstLock_); }
+    CBufLock(const CBufLock &) = delete;
+    CBufLock &operator=(const CBufLock &) = delete;
+
+private:
+    pthread_mutex_t *pstLock_;
 };
 
 inline u32 CBufMask(const CBUF_S *pstCBuf) { return pstCBuf->ulElemNum - 1; }
@@ -136,6 +163,15 @@ void CBufAdvanceHead(CBUF_S *pstCBuf, u32 ulNum)
         CBufWriteCallBack(pstCBuf, ulOldHead, pstCBuf->ulHeadPos);
 }
 
+// Gives back what CBUF_Init took: the lock if it was made, the storage, the block.
+void CBufRelease(CBUF_S *pstCBuf)
+{
+    if (pstCBuf->hLock != nullptr)
+        ISP_mutex_destroy(pstCBuf->hLock);
+    ISP_free(&pstCBuf->pucBuf);
+    ISP_free(&pstCBuf);
+}
+
 }  // namespace
 
 extern "C" {
@@ -164,7 +200,7 @@ IBP_API CBUF_HANDLE CBUF_Init(const CBUF_INIT_S *pstInit)
     pstCBuf->pucBuf = static_cast<u8 *>(ISP_calloc(0, pstInit->ulElemNum, pstInit->ulElemSize));
     if (pstCBuf->pucBuf == nullptr) {
         IBP_ERR("calloc %u failed!", pstInit->ulElemNum * pstInit->ulElemSize);
-        ISP_free(&pstCBuf);
+        CBufRelease(pstCBuf);
         return nullptr;
     }
     pstCBuf->ulElemSize = pstInit->ulElemSize;
@@ -176,12 +212,16 @@ IBP_API CBUF_HANDLE CBUF_Init(const CBUF_INIT_S *pstInit)
     pstCBuf->hLock = ISP_mutex_init();
     if (pstCBuf->hLock == nullptr) {
         IBP_ERR("ISP_mutex_init Vid Lock fail!");
-        ISP_free(&pstCBuf->pucBuf);
-        ISP_free(&pstCBuf);
+        CBufRelease(pstCBuf);
         return nullptr;
     }
     if (pstInit->pcName != nullptr)
         ISP_strncpy(pstCBuf->acName, pstInit->pcName, kNameMax);
+    if (!gstLiveCBufs.Add(pstCBuf)) {
+        IBP_ERR("too many circ bufs! max=%u", gstLiveCBufs.kMaxLive);
+        CBufRelease(pstCBuf);
+        return nullptr;
+    }
     // Inserting before the first element puts the new buffer at the front.
     MOD_ListAddTail(gstCBufList.pstNext, &pstCBuf->stNode);
     return pstCBuf;
@@ -189,41 +229,28 @@ IBP_API CBUF_HANDLE CBUF_Init(const CBUF_INIT_S *pstInit)
 
 IBP_API void CBUF_Destroy(CBUF_HANDLE hCBuf)
 {
-    if (hCBuf == nullptr) {
-        IBP_ERR("hCBuf is invalid");
-        return;
-    }
+    HANDLE_REFUSE_IF(CBufRefusal(hCBuf), );
     // Elements still held are not offered to the read callback.
+    gstLiveCBufs.Remove(hCBuf);
     MOD_ListDel(&hCBuf->stNode);
-    ISP_mutex_destroy(hCBuf->hLock);
-    ISP_free(&hCBuf->pucBuf);
-    ISP_free(&hCBuf);
+    CBufRelease(hCBuf);
 }
 
 IBP_API u32 CBUF_IsEmpty(CBUF_HANDLE hCBuf)
 {
-    if (hCBuf == nullptr) {
-        IBP_ERR("hCBuf is invalid");
-        return 0;
-    }
+    HANDLE_REFUSE_IF(CBufRefusal(hCBuf), 0);
     return hCBuf->ulHeadPos == hCBuf->ulTailPos ? 1 : 0;
 }
 
 IBP_API u32 CBUF_IsFull(CBUF_HANDLE hCBuf)
 {
-    if (hCBuf == nullptr) {
-        IBP_ERR("pstCBuf is NULL!");
-        return 0;
-    }
+    HANDLE_REFUSE_IF(CBufRefusal(hCBuf, "pstCBuf is NULL!"), 0);
     return CBufFree(hCBuf) == 0 ? 1 : 0;
 }
 
 IBP_API void CBUF_Reset(CBUF_HANDLE hCBuf)
 {
-    if (hCBuf == nullptr) {
-        IBP_ERR("hCBuf is invalid");
-        return;
-    }
+    HANDLE_REFUSE_IF(CBufRefusal(hCBuf), );
     CBufLock stLock(hCBuf);
     CBufReadCallBack(hCBuf, hCBuf->ulTailPos, hCBuf->ulHeadPos);
     hCBuf->ulHeadPos = 0;
@@ -232,10 +259,7 @@ IBP_API void CBUF_Reset(CBUF_HANDLE hCBuf)
 
 IBP_API s32 CBUF_Read(CBUF_HANDLE hCBuf, u32 ulNum, void *pMem)
 {
-    if (hCBuf == nullptr) {
-        IBP_ERR("hCBuf is invalid");
-        return -1;
-    }
+    HANDLE_REFUSE_IF(CBufRefusal(hCBuf), -1);
     if (pMem == nullptr) {
         IBP_ERR("pMem is NULL");
         return -1;
@@ -255,10 +279,7 @@ IBP_API s32 CBUF_Read(CBUF_HANDLE hCBuf, u32 ulNum, void *pMem)
 
 IBP_API s32 CBUF_Write(CBUF_HANDLE hCBuf, const void *pMem, u32 ulNum)
 {
-    if (hCBuf == nullptr) {
-        IBP_ERR("hCBuf is invalid");
-        return -1;
-    }
+    HANDLE_REFUSE_IF(CBufRefusal(hCBuf), -1);
     if (pMem == nullptr) {
         IBP_ERR("pMem is NULL");
         return -1;
@@ -289,10 +310,7 @@ IBP_API s32 CBUF_Write(CBUF_HANDLE hCBuf, const void *pMem, u32 ulNum)
 
 IBP_API u32 CBUF_Iterate(CBUF_HANDLE hCBuf, CBUF_ITER_PFN pfnIter, void *pUser)
 {
-    if (hCBuf == nullptr) {
-        IBP_ERR("hCBuf is invalid");
-        return 1;
-    }
+    HANDLE_REFUSE_IF(CBufRefusal(hCBuf), 1);
     if (pfnIter == nullptr) {
         IBP_ERR("pfnIter is NULL");
         return 1;
@@ -320,10 +338,7 @@ IBP_API u32 CBUF_Iterate(CBUF_HANDLE hCBuf, CBUF_ITER_PFN pfnIter, void *pUser)
 
 IBP_API u32 CBUF_GetWriteMemNum(CBUF_HANDLE hCBuf, void **pWriteMem, u32 *pulNum, u32 *pbNext)
 {
-    if (hCBuf == nullptr) {
-        IBP_ERR("hCBuf is NULL");
-        return 1;
-    }
+    HANDLE_REFUSE_IF(CBufRefusal(hCBuf, "hCBuf is NULL"), 1);
     if (pWriteMem == nullptr) {
         IBP_ERR("pWriteMem is NULL");
         return 1;
@@ -346,21 +361,21 @@ IBP_API u32 CBUF_GetWriteMemNum(CBUF_HANDLE hCBuf, void **pWriteMem, u32 *pulNum
 
 IBP_API u32 CBUF_SetWriteNum(CBUF_HANDLE hCBuf, u32 ulNum)
 {
-    if (hCBuf == nullptr) {
-        IBP_ERR("hCBuf is invalid");
+    HANDLE_REFUSE_IF(CBufRefusal(hCBuf), 1);
+    // More than the free slots would carry H past T and turn the content
+    // into garbage; within them the caller is trusted to have filled its run.
+    u32 ulFree = CBufFree(hCBuf);
+    if (ulNum > ulFree) {
+        IBP_ERR("circ buf space not enough! request=%u space=%u maxNum=%u", ulNum, ulFree, hCBuf->ulElemNum);
         return 1;
     }
-    // Trusts the caller to commit no more than the run it was given.
     CBufAdvanceHead(hCBuf, ulNum);
     return 0;
 }
 
 IBP_API u32 CBUF_GetReadNum(CBUF_HANDLE hCBuf, u32 *pulNum)
 {
-    if (hCBuf == nullptr) {
-        IBP_ERR("hCBuf is invalid");
-        return 1;
-    }
+    HANDLE_REFUSE_IF(CBufRefusal(hCBuf), 1);
     if (pulNum == nullptr) {
         IBP_ERR("pulNum is NULL");
         return 1;
@@ -371,10 +386,7 @@ IBP_API u32 CBUF_GetReadNum(CBUF_HANDLE hCBuf, u32 *pulNum)
 
 IBP_API s32 CBUF_Prefetch(CBUF_HANDLE hCBuf, u32 ulNum, void *pMem)
 {
-    if (hCBuf == nullptr) {
-        IBP_ERR("hCBuf is invalid");
-        return -1;
-    }
+    HANDLE_REFUSE_IF(CBufRefusal(hCBuf), -1);
     if (pMem == nullptr) {
         IBP_ERR("pMem is NULL");
         return -1;
@@ -390,10 +402,7 @@ IBP_API s32 CBUF_Prefetch(CBUF_HANDLE hCBuf, u32 ulNum, void *pMem)
 
 IBP_API u32 CBUF_DropElem(CBUF_HANDLE hCBuf, u32 ulNum)
 {
-    if (hCBuf == nullptr) {
-        IBP_ERR("hCBuf is invalid");
-        return 1;
-    }
+    HANDLE_REFUSE_IF(CBufRefusal(hCBuf), 1);
     u32 ulUsed = CBufUsed(hCBuf);
     CBufAdvanceTail(hCBuf, (ulNum < ulUsed) ? ulNum : ulUsed);
     return 0;
@@ -401,10 +410,7 @@ IBP_API u32 CBUF_DropElem(CBUF_HANDLE hCBuf, u32 ulNum)
 
 IBP_API u32 CBUF_TokenLocate(CBUF_HANDLE hCBuf, const u8 *pucToken, u32 ulTokenLen)
 {
-    if (hCBuf == nullptr) {
-        IBP_ERR("hCBuf is invalid");
-        return 1;
-    }
+    HANDLE_REFUSE_IF(CBufRefusal(hCBuf), 1);
     if (pucToken == nullptr) {
         IBP_ERR("pucToken is NULL");
         return 1;

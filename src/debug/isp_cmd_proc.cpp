@@ -294,9 +294,6 @@ IBP_API u32 CMD_ProcMsg(u32 ulMsgID, MSG_HANDLE hReqMsg, void *pParam)
             IBP_ERR("CMD_SendAckMsg fail");
         return 0;
     }
-    // The body is what the block holds, whatever its header claims.
-    if (ulBodyLen > hReqMsg->ulLen - MSG_HDR_LEN)
-        ulBodyLen = hReqMsg->ulLen - MSG_HDR_LEN;
     switch (ulMsgID) {
         case CMD_MSG_GET_TREE:
             CMD_GetCmdTree();

@@ -1,6 +1,8 @@
 // Library start-up and shut-down for the service and the debug tool process.
 #include "ibp/isp_bp.h"
 
+#include <cstdio>
+
 #include "ibp/bp_debug.h"
 #include "ibp/isp_cmd.h"
 #include "ibp/isp_log.h"
@@ -26,6 +28,12 @@ extern "C" {
 
 IBP_API u32 IBP_Init(IBP_INIT_S *pstInit)
 {
+    // The log is what this call starts, so the complaint can only go where
+    // the log's own complaints go.
+    if (pstInit == nullptr) {
+        puts("pstInit is NULL");
+        return 1;
+    }
     // A second start would set up lists and queues under running threads,
     // and restart the log: refuse it before touching anything.
     if (MOD_IsSysRunning()) {

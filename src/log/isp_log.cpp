@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 #include <sys/time.h>
 
+#include <array>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -65,14 +66,44 @@ s32 LOG_StdoutOutput(const char *pcText)
     return 0;
 }
 
-pthread_mutex_t *LOG_RotateLockOf(u32 ulModule)
+// Records lost since the file last took one, per row as the rotation guards.
+u32 g_aulLost[LOG_MODULE_NUM];
+
+// The first row that names the module's file: what rows sharing a file share.
+// Worked out once, as no row ever changes its file.
+u32 LOG_FileRowOf(u32 ulModule)
 {
-    const char *pcFile = g_astLogModule[ulModule].pcFile;
-    for (u32 i = 0; i < ulModule; i++) {
-        if (strcmp(g_astLogModule[i].pcFile, pcFile) == 0)
-            return &g_astRotateLock[i];
-    }
-    return &g_astRotateLock[ulModule];
+    static const std::array<u32, LOG_MODULE_NUM> kFileRow = [] {
+        std::array<u32, LOG_MODULE_NUM> aulRow{};
+        for (u32 m = 0; m < LOG_MODULE_NUM; m++) {
+            aulRow[m] = m;
+            for (u32 i = 0; i < m && aulRow[m] == m; i++)
+                aulRow[m] = strcmp(g_astLogModule[i].pcFile, g_astLogModule[m].pcFile) == 0 ? i : m;
+        }
+        return aulRow;
+    }();
+    return kFileRow[ulModule];
+}
+
+pthread_mutex_t *LOG_RotateLockOf(u32 ulModule) { return &g_astRotateLock[LOG_FileRowOf(ulModule)]; }
+
+// A lost record is told when it is the first of a run, not once per record;
+// the first record that gets through again tells how many the run lost.
+void LOG_NoteLost(u32 ulModule, int err)
+{
+    if (__atomic_fetch_add(&g_aulLost[LOG_FileRowOf(ulModule)], 1u, __ATOMIC_RELAXED) == 0)
+        printf("write log file %s failed! errno=%d %s, records are lost until it takes them again\n",
+               g_astLogModule[ulModule].pcFile, err, strerror(err));
+}
+
+void LOG_NoteWritten(u32 ulModule)
+{
+    u32 &ulLost = g_aulLost[LOG_FileRowOf(ulModule)];
+    if (LoadRelaxed(ulLost) == 0)
+        return;
+    u32 ulRun = __atomic_exchange_n(&ulLost, 0u, __ATOMIC_RELAXED);
+    if (ulRun != 0)
+        printf("write log file %s again, %u records lost\n", g_astLogModule[ulModule].pcFile, ulRun);
 }
 
 // Moves pcFile to pcBackupFile. The size is looked at again under the file's
@@ -116,23 +147,30 @@ char *LOG_ExpandRecord(char *pcBuf, size_t ulBufLen, size_t *pulLen, const char 
     return pcText;
 }
 
-bool LOG_WriteAll(int fd, const char *pcText, size_t ulLen)
+// The record in one write. Whatever part of it a short write left (the file
+// system is full) is cut off again: with O_APPEND the offset after the write
+// is the end of what it wrote, so the record began that many bytes before.
+// A file holds whole records or none. False with errno set when it is lost.
+bool LOG_WriteWhole(int fd, const char *pcText, size_t ulLen)
 {
-    while (ulLen > 0) {
-        ssize_t lDone = write(fd, pcText, ulLen);
-        if (lDone < 0 && errno == EINTR)
-            continue;
-        if (lDone <= 0)
-            return false;
-        pcText += lDone;
-        ulLen -= static_cast<size_t>(lDone);
-    }
-    return true;
+    ssize_t lDone;
+    do {
+        lDone = write(fd, pcText, ulLen);
+    } while (lDone < 0 && errno == EINTR);
+    if (lDone >= 0 && static_cast<size_t>(lDone) == ulLen)
+        return true;
+    if (lDone < 0)
+        return false;
+    off_t lEnd = lseek(fd, 0, SEEK_CUR);
+    if (lEnd >= lDone)
+        (void)ftruncate(fd, lEnd - lDone);
+    errno = ENOSPC;  // a regular file takes less than asked only when it has no room
+    return false;
 }
 
-// The record goes to the file in one write on a descriptor opened for
-// appending: records of several threads or processes never interleave, and
-// no stream buffer is set up and torn down for every record.
+// One record to the module's file, on a descriptor opened for appending:
+// records of several threads or processes never interleave, and no stream
+// buffer is set up and torn down for every record.
 void LOG_WriteFile(u32 ulModule, const char *pcComposite, va_list args)
 {
     const LOG_MODULE_S &stRow = g_astLogModule[ulModule];
@@ -145,13 +183,20 @@ void LOG_WriteFile(u32 ulModule, const char *pcComposite, va_list args)
     char acBuf[2 * kRecordMax];
     size_t ulLen = 0;
     char *pcText = LOG_ExpandRecord(acBuf, sizeof(acBuf), &ulLen, pcComposite, args);
-    if (pcText != nullptr)
-        (void)LOG_WriteAll(fd, pcText, ulLen);
+    errno = ENOMEM;
+    bool bWritten = pcText != nullptr && LOG_WriteWhole(fd, pcText, ulLen);
+    int err = errno;
     if (pcText != acBuf)
         free(pcText);
-    off_t lPos = lseek(fd, 0, SEEK_CUR);
-    int err = errno;
+    off_t lPos = bWritten ? lseek(fd, 0, SEEK_CUR) : 0;
+    if (lPos < 0)
+        err = errno;
     close(fd);
+    if (!bWritten) {
+        LOG_NoteLost(ulModule, err);
+        return;
+    }
+    LOG_NoteWritten(ulModule);
     if (lPos < 0) {
         printf("ftell failed! errno=%d %s\n", err, strerror(err));
         return;
@@ -192,6 +237,19 @@ void LOG_ComposeFormat(char (&acOut)[kRecordMax], u32 ulModule, u32 ulLevel,
         acOut[ulUsed] = '\n';
 }
 
+// A record needs all three texts; a missing one is told, in argument order,
+// like the log's other complaints, and the record is dropped.
+bool LOG_RefuseNull(const char *pcSrcFile, const char *pcFunc, const char *pcFormat)
+{
+    const char *pcMissing = pcSrcFile == nullptr ? "pcSrcFile"
+                            : pcFunc == nullptr  ? "pcFunc"
+                            : pcFormat == nullptr ? "pcFormat"
+                                                  : nullptr;
+    if (pcMissing != nullptr)
+        printf("%s is NULL\n", pcMissing);
+    return pcMissing != nullptr;
+}
+
 }  // namespace
 
 extern "C" {
@@ -220,6 +278,8 @@ IBP_API void LOG_Pirnt(u32 ulModule, u32 ulLevel, const char *pcSrcFile, const c
         ulLevel = LOG_LEVEL_INF;
     }
     if (LoadRelaxed(gstLogObj.aulLevel[ulModule]) > ulLevel)
+        return;
+    if (LOG_RefuseNull(pcSrcFile, pcFunc, pcFormat))
         return;
 
     char acComposite[kRecordMax];

@@ -10,6 +10,7 @@
 #include <sys/ioctl.h>
 
 #include "common/cmd_display.h"
+#include "common/handle_set.h"
 #include "ibp/isp_system.h"
 #include "log/log_internal.h"
 #include "net/isp_socket_priv.h"
@@ -22,6 +23,10 @@ namespace {
 // All control blocks, newest first. No lock: sockets come and go at start-up
 // and shut-down, on one thread.
 MOD_LIST_S gstSocketList = {&gstSocketList, &gstSocketList};
+
+// The same blocks, for the handle check of every call; descriptors below
+// 1024 bound their number anyway.
+HandleSet<11> gstLiveSockets;
 
 // select() and friends elsewhere in the system cannot take larger descriptors.
 constexpr s32 kMaxSocketFd = 1024;
@@ -71,6 +76,11 @@ SKT_SOCKET_CB_S *SKT_CreateSocket(const SKT_SOCK_INFO_S *pstSockInfo, u32 ulProt
     auto *pstSocketCB = static_cast<SKT_SOCKET_CB_S *>(ISP_calloc(0, 1, sizeof(SKT_SOCKET_CB_S)));
     if (pstSocketCB == nullptr) {
         IBP_ERR("calloc %zd fail", sizeof(SKT_SOCKET_CB_S));
+        return nullptr;
+    }
+    if (!gstLiveSockets.Add(pstSocketCB)) {
+        IBP_ERR("too many sockets! max=%u", gstLiveSockets.kMaxLive);
+        ISP_free(&pstSocketCB);
         return nullptr;
     }
     // Inserting before the first element puts the new block at the front.
@@ -135,11 +145,10 @@ u32 SKT_SetSockProperty(SKT_SOCKET_CB_S *pstSocketCB)
 
 void SKT_DestroySocket(SKT_SOCKET_CB_S **ppstSocketCB)
 {
-    if (ppstSocketCB == nullptr || *ppstSocketCB == nullptr) {
-        IBP_ERR("*ppstSocketCB is NULL");
-        return;
-    }
+    HANDLE_REFUSE_IF(gstLiveSockets.Refusal(ppstSocketCB == nullptr ? nullptr : *ppstSocketCB,
+                                            "*ppstSocketCB is NULL", "*ppstSocketCB is invalid"), );
     SKT_SOCKET_CB_S *pstSocketCB = *ppstSocketCB;
+    gstLiveSockets.Remove(pstSocketCB);
     MOD_ListDel(&pstSocketCB->stNode);
     for (s32 *plFd : {&pstSocketCB->lSocket, &pstSocketCB->lListenSocket}) {
         if (*plFd >= 0)
@@ -147,6 +156,11 @@ void SKT_DestroySocket(SKT_SOCKET_CB_S **ppstSocketCB)
         *plFd = -1;
     }
     ISP_free(ppstSocketCB);
+}
+
+const char *SKT_Refusal(const SKT_SOCKET_CB_S *pstSocketCB, const char *pcNullText)
+{
+    return gstLiveSockets.Refusal(pstSocketCB, pcNullText, "pstSocketCB is invalid");
 }
 
 int SktBindLocal(const SKT_SOCKET_CB_S *pstSocketCB, const SKT_SOCK_INFO_S *pstSockInfo)
@@ -201,10 +215,7 @@ IBP_API void SKT_UdpDestroy(SKT_HANDLE *phSocket)
 
 IBP_API s32 SKT_GetSocketFD(SKT_HANDLE hSocket)
 {
-    if (hSocket == nullptr) {
-        IBP_ERR("pstSocketCB is NULL");
-        return -1;
-    }
+    HANDLE_REFUSE_IF(SKT_Refusal(hSocket), -1);
     return hSocket->lSocket;
 }
 

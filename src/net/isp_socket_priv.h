@@ -14,6 +14,11 @@ SKT_SOCKET_CB_S *SKT_CreateSocket(const SKT_SOCK_INFO_S *pstSockInfo, u32 ulProt
 u32 SKT_SetSockProperty(SKT_SOCKET_CB_S *pstSocketCB);
 // Unlinks the block, closes both descriptors, frees it and clears *ppstSocketCB.
 void SKT_DestroySocket(SKT_SOCKET_CB_S **ppstSocketCB);
+// Why a call refuses pstSocketCB, or null when it is a living control block:
+// pcNullText for null, "pstSocketCB is invalid" for one never made or
+// destroyed before. The block itself is not read. One destroyed while another
+// thread still drives it is that caller's race, not caught here.
+const char *SKT_Refusal(const SKT_SOCKET_CB_S *pstSocketCB, const char *pcNullText = "pstSocketCB is NULL");
 
 // An IPv4 address in network order as dotted text, in the caller's storage
 // (thread-safe, unlike inet_ntoa's static buffer).

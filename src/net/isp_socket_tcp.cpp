@@ -7,6 +7,7 @@
 
 #include "ibp/isp_socket.h"
 #include "ibp/isp_system.h"
+#include "common/handle_set.h"
 #include "log/log_internal.h"
 #include "net/isp_socket_priv.h"
 
@@ -171,10 +172,7 @@ IBP_API u32 SKT_TcpPollSock(u32 ulSockNum, SKT_SOCKET_CB_S **apstSocketCB, s32 l
         return 1;
     }
     for (u32 i = 0; i < ulSockNum; ++i) {
-        if (apstSocketCB[i] == nullptr) {
-            IBP_ERR("pstSocketCB is NULL");
-            return 1;
-        }
+        HANDLE_REFUSE_IF(SKT_Refusal(apstSocketCB[i]), 1);
         if (apstSocketCB[i]->lSocket < 0) {
             IBP_ERR("i:%u lSocket:%d illegal", i, apstSocketCB[i]->lSocket);
             return 1;
@@ -233,10 +231,7 @@ IBP_API u32 SKT_TcpPollSock(u32 ulSockNum, SKT_SOCKET_CB_S **apstSocketCB, s32 l
 
 IBP_API u32 SKT_TcpConnect(SKT_SOCKET_CB_S *pstSocketCB)
 {
-    if (pstSocketCB == nullptr) {
-        IBP_ERR("pstSocketCB is NULL");
-        return 1;
-    }
+    HANDLE_REFUSE_IF(SKT_Refusal(pstSocketCB), 1);
     switch (pstSocketCB->enSockStatus) {
     case SKT_STATUS_CREATED:
         return SktConnectStart(pstSocketCB);
@@ -255,10 +250,7 @@ IBP_API u32 SKT_TcpConnect(SKT_SOCKET_CB_S *pstSocketCB)
 IBP_API s32 SKT_TcpSend(SKT_SOCKET_CB_S *pstSocketCB, u32 ulDataLen, const u8 *pucBuf, const u32 *pulRetryNum,
                         const u32 *pulSleepTime)
 {
-    if (pstSocketCB == nullptr) {
-        IBP_ERR("pstSocketCB is NULL!");
-        return -1;
-    }
+    HANDLE_REFUSE_IF(SKT_Refusal(pstSocketCB, "pstSocketCB is NULL!"), -1);
     if (pucBuf == nullptr) {
         IBP_ERR("pucBuf is NULL");
         return 1;
@@ -309,10 +301,7 @@ IBP_API s32 SKT_TcpSend(SKT_SOCKET_CB_S *pstSocketCB, u32 ulDataLen, const u8 *p
 
 IBP_API u32 SKT_TcpRecv(SKT_SOCKET_CB_S *pstSocketCB, u32 bWait, u32 *pulDataLen, u8 *pucBuf)
 {
-    if (pstSocketCB == nullptr) {
-        IBP_ERR("pstSocketCB is NULL");
-        return 1;
-    }
+    HANDLE_REFUSE_IF(SKT_Refusal(pstSocketCB), 1);
     if (pulDataLen == nullptr) {
         IBP_ERR("pulDataLen is NULL");
         return 1;

@@ -88,6 +88,8 @@ using BrokenDownFn = struct tm *(*)(const time_t *);
 struct tm BrokenDown(BrokenDownFn pfnConvert, const time_t *pTime)
 {
     struct tm stOut {};
+    if (pTime == nullptr)
+        return stOut;
     const struct tm *pstLibc = pfnConvert(pTime);
     if (pstLibc != nullptr)
         CopyTmFields(*pstLibc, &stOut);
@@ -205,6 +207,8 @@ extern "C" {
 IBP_API s32 ISP_copy(const char *pcSrc, const char *pcDst)
 {
     using namespace ibp::platform;
+    if (pcSrc == nullptr || pcDst == nullptr)
+        return -1;
     FileGuard src(ISP_fopen(pcSrc, "rb"));
     if (src.get() == nullptr)
         return -1;

@@ -137,6 +137,8 @@ extern "C" {
 IBP_API s32 ISP_thr_create(ISP_THR_ENTRY_PFN pfnStart, void *pArg, u32 ulFlags,
                            pthread_t *pThread, s32 lPriority)
 {
+    if (pfnStart == nullptr)  // the new thread would jump to address 0
+        return -1;
     pthread_attr_t attr;
     if (pthread_attr_init(&attr) != 0)
         return -1;
@@ -248,7 +250,13 @@ IBP_API int ISP_pclose(FILE *stream) { return pclose(stream); }
 IBP_API int ISP_prctl(int lOption, unsigned long lArg2, unsigned long lArg3,
                       unsigned long lArg4, unsigned long lArg5)
 {
-    if (lOption == PR_SET_NAME && lArg2 != 0) {
+    // The kernel refuses a null name with EFAULT; answering it here keeps the
+    // sanitizers' prctl interceptor, which copies the name first, away from it.
+    if (lOption == PR_SET_NAME && lArg2 == 0) {
+        errno = EFAULT;
+        return -1;
+    }
+    if (lOption == PR_SET_NAME) {
         const char *pcName = reinterpret_cast<const char *>(lArg2);
         if (strlen(pcName) > ibp::platform::kThreadNameMax)
             IBP_WRN("proc name %s length exceeds limit 15", pcName);
@@ -301,6 +309,8 @@ IBP_API int __isp_system_proc(void *pcCmd)
 IBP_API s32 ISP_system(const char *pcCmd)
 {
     using namespace ibp::platform;
+    if (pcCmd == nullptr)  // "sh -c" without a command: nothing to run
+        return -1;
     alignas(16) unsigned char aucStack[kSystemStackSize] = {};
     int lStatus = 0;
 

@@ -130,6 +130,13 @@ IBP_API u32 MSG_Decode(MSG_HANDLE hMsg, void **ppMemAddr, u32 *pulMemLen)
         IBP_ERR("pulMemLen is NULL");
         return 1;
     }
+    // A header that claims more body than the block holds would send the
+    // caller reading past its end.
+    if (pstHdr->ulMsgBodyLen > hMsg->ulLen - MSG_HDR_LEN) {
+        IBP_ERR("message body len error! ulMsgBodyLen=%u ulHdrLen=%zd ulBufLen=%u", pstHdr->ulMsgBodyLen,
+                static_cast<size_t>(MSG_HDR_LEN), hMsg->ulLen);
+        return 1;
+    }
     *ppMemAddr = reinterpret_cast<char *>(pstHdr) + MSG_HDR_LEN;
     *pulMemLen = pstHdr->ulMsgBodyLen;
     return 0;

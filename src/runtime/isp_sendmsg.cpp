@@ -291,7 +291,7 @@ IBP_API u32 ISP_SendSyncMsg(const ISP_MSG_S *pstReqMsg, u32 ulTimeout, ISP_MSG_S
         return 1;
     }
     const auto *pstAck = static_cast<const ISP_MSG_S *>(pBody);
-    if (ulAckLen != ulReqLen || ulAckLen > hAck->ulLen - MSG_HDR_LEN || pstAck->ulMsgID != pstReqMsg->ulMsgID)
+    if (ulAckLen != ulReqLen || pstAck->ulMsgID != pstReqMsg->ulMsgID)
         return 1;
     if (pstAck->ulResult != 0)
         return pstAck->ulResult;
@@ -319,6 +319,11 @@ IBP_API u32 ISP_SendAsyncMsg(const ISP_MSG_S *pstReqMsg)
 
 IBP_API u32 ISP_SendAckMsg(MSG_HANDLE hReqMsg, const void *pMem, u32 ulMemLen)
 {
+    // Named before the body, in argument order; MSG_SendAckMsg checks the rest.
+    if (hReqMsg == nullptr) {
+        IBP_ERR("hReqMsg is invalid");
+        return 1;
+    }
     MSG_HANDLE hAck = MSG_Create(pMem, ulMemLen);
     if (hAck == nullptr) {
         IBP_ERR("create raw message fail");

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -96,7 +97,6 @@ TEST(LogControl, ThresholdsSettersAndTheirRecords)
     EXPECT_EQ(IBP_LOG_SetLevelByName("af", 3), 0u);  // the whole name: AF, not AF_CALI
     EXPECT_EQ(IBP_LOG_SetLevelByName("ITF", 1), 1u);
     EXPECT_EQ(IBP_LOG_SetLevelByName("AE", 4), 1u);
-    EXPECT_EQ(IBP_LOG_SetLevelByName(nullptr, 1), 1u);
     const u32 *lv = gstLogObj.aulLevel;
     EXPECT_EQ(std::vector<u32>({lv[0], lv[LOG_MODULE_AWB], lv[LOG_MODULE_AF], lv[LOG_MODULE_AF_CALI],
                                 lv[LOG_MODULE_AE]}),
@@ -106,7 +106,7 @@ TEST(LogControl, ThresholdsSettersAndTheirRecords)
         "ERR][BP]module 12 invalid, set to BP", "ERR][BP]level 7 invalid, set to INFO",
         "ERR][BP]set module 0 log level to 1", "INF][BP]set module awb log level to 2",
         "INF][BP]set module af log level to 3", "ERR][BP]module ITF not found",
-        "ERR][BP]level 4 invalid", "ERR][BP]pcName is NULL"};
+        "ERR][BP]level 4 invalid"};
     std::vector<std::string> got;
     for (const auto &r : cap.Records())
         got.push_back(r.level + "][" + r.module + "]" + r.text);
@@ -217,6 +217,31 @@ TEST_F(LogFiles, UnwritableDirectoryAndRestart)
     for (const char *p : g_apcOldLogFile)
         EXPECT_EQ(FileSize(p), -1) << p;
     EXPECT_GT(FileSize(kFd0), 0);
+}
+
+// A record on a full file system is whole or absent; the loss is told once, and once more with its count
+// when records get through again.
+TEST_F(LogFiles, AFullDiskKeepsWholeRecordsAndTellsTheLossOnce)
+{
+    ASSERT_EQ(mount("ibp-full", "/var/log", "tmpfs", 0, "size=64k"), 0) << strerror(errno);
+    const std::string pad(100, 'r');
+    const std::string out = Stdout([&] {
+        for (int i = 0; i < 1000; i++)
+            LOG_Pirnt(LOG_MODULE_FD, 3, "t", "fn", 1, "%d %s", i, pad.c_str());
+    });
+    const std::string text = ReadFile(kFd0);
+    ASSERT_TRUE(text.ends_with("\n")) << text.substr(text.rfind('\n') + 1);
+    std::istringstream in(text);
+    int kept = 0;
+    for (std::string line; std::getline(in, line); kept++)
+        EXPECT_TRUE(line.ends_with("[ERR][FD]" + std::to_string(kept) + " " + pad)) << line;
+    EXPECT_GT(kept, 0);
+    EXPECT_EQ(out, "write log file /var/log/ISP_FD00.log failed! errno=28 No space left on device, "
+                   "records are lost until it takes them again\n");
+    ASSERT_EQ(truncate(kFd0, 0), 0);
+    const std::string again = Stdout([] { Rec(); Rec(); });
+    umount("/var/log");
+    EXPECT_EQ(again, "write log file /var/log/ISP_FD00.log again, " + std::to_string(1000 - kept) + " records lost\n");
 }
 
 // Two writers cross the size limit together in every round (the file is filled up to it first): a rotation

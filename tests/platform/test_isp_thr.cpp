@@ -80,16 +80,11 @@ TEST(ThrSync, DeadlinesTimeOutsAndRecords)
     ISP_mutex_destroy(hLock);
 
     ibptest::LogCapture cap;
-    EXPECT_EQ(ISP_mutex_lock(nullptr), -1);
-    EXPECT_EQ(ISP_mutex_unlock(nullptr), -1);
-    ISP_mutex_destroy(nullptr);
     EXPECT_EQ(ISP_prctl(PR_SET_NAME, reinterpret_cast<unsigned long>("fifteen_chars_x"), 0, 0, 0), 0);
     EXPECT_GE(ISP_prctl(PR_GET_DUMPABLE, 1, 0, 0, 0), 0);  // 1 is no address: never read as text
     EXPECT_EQ(ISP_prctl(PR_SET_NAME, reinterpret_cast<unsigned long>("sixteen_chars_xy"), 0, 0, 0), 0);
-    EXPECT_EQ(cap.Count("ERR", "BP", "hHandle is NULL!"), 2u);
-    EXPECT_EQ(cap.Count("ERR", "BP", "handle is NULL"), 1u);
     EXPECT_EQ(cap.Count("WRN", "BP", "proc name sixteen_chars_xy length exceeds limit 15"), 1u);
-    EXPECT_EQ(cap.Records().size(), 4u) << cap.Dump();  // a 15-character name is not warned about
+    EXPECT_EQ(cap.Records().size(), 1u) << cap.Dump();  // a 15-character name is not warned about
 }
 
 int CheckInChild(const std::string &name)

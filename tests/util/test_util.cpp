@@ -137,13 +137,11 @@ TEST(Interpolation, AtAndBeyondTheEndsTruncationAndRefusals)
 
     LogCapture cap;
     u32 y = 77;
-    for (const ISP_LIN_S *p : {static_cast<const ISP_LIN_S *>(nullptr), &lins[5], &lins[6]})
+    for (const ISP_LIN_S *p : {&lins[5], &lins[6]})
         EXPECT_EQ(ISP_PieceWiseLinInterp_llu(p, 15, &y), 1u);
-    EXPECT_EQ(ISP_PieceWiseLinInterp_llu(&lins[0], 15, nullptr), 1u);
     EXPECT_EQ(y, 77u);
     const std::string k = "ERR BP ISP_PieceWiseLinInterp_llu isp_util- ";
-    EXPECT_EQ(Take(cap), (Texts{k + "pstLin is NULL", k + "piece wise linear point num 11 > 10",
-                                k + "piece wise linear point num is 0", k + "pulY is NULL"}));
+    EXPECT_EQ(Take(cap), (Texts{k + "piece wise linear point num 11 > 10", k + "piece wise linear point num is 0"}));
 }
 
 TEST(Digits, BitNumRoundTruncate)
