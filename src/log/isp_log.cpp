@@ -70,19 +70,15 @@ s32 LOG_StdoutOutput(const char *pcText)
 u32 g_aulLost[LOG_MODULE_NUM];
 
 // The first row that names the module's file: what rows sharing a file share.
-// Worked out once, as no row ever changes its file.
+// Asked only when a file is rotated or a record lost, so it is worked out
+// each time rather than kept behind a guard that C programs would have to link.
 u32 LOG_FileRowOf(u32 ulModule)
 {
-    static const std::array<u32, LOG_MODULE_NUM> kFileRow = [] {
-        std::array<u32, LOG_MODULE_NUM> aulRow{};
-        for (u32 m = 0; m < LOG_MODULE_NUM; m++) {
-            aulRow[m] = m;
-            for (u32 i = 0; i < m && aulRow[m] == m; i++)
-                aulRow[m] = strcmp(g_astLogModule[i].pcFile, g_astLogModule[m].pcFile) == 0 ? i : m;
-        }
-        return aulRow;
-    }();
-    return kFileRow[ulModule];
+    for (u32 i = 0; i < ulModule; i++) {
+        if (strcmp(g_astLogModule[i].pcFile, g_astLogModule[ulModule].pcFile) == 0)
+            return i;
+    }
+    return ulModule;
 }
 
 pthread_mutex_t *LOG_RotateLockOf(u32 ulModule) { return &g_astRotateLock[LOG_FileRowOf(ulModule)]; }

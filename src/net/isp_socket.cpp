@@ -27,6 +27,9 @@ MOD_LIST_S gstSocketList = {&gstSocketList, &gstSocketList};
 // The same blocks, for the handle check of every call; descriptors below
 // 1024 bound their number anyway.
 HandleSet<11> gstLiveSockets;
+// Blocks destroyed since: told from a block a caller made itself, which the
+// poll takes as it is (it reads its descriptor).
+HandleSet<11> gstDeadSockets;
 
 // select() and friends elsewhere in the system cannot take larger descriptors.
 constexpr s32 kMaxSocketFd = 1024;
@@ -78,6 +81,7 @@ SKT_SOCKET_CB_S *SKT_CreateSocket(const SKT_SOCK_INFO_S *pstSockInfo, u32 ulProt
         IBP_ERR("calloc %zd fail", sizeof(SKT_SOCKET_CB_S));
         return nullptr;
     }
+    gstDeadSockets.Remove(pstSocketCB);  // the heap gave the address again
     if (!gstLiveSockets.Add(pstSocketCB)) {
         IBP_ERR("too many sockets! max=%u", gstLiveSockets.kMaxLive);
         ISP_free(&pstSocketCB);
@@ -149,6 +153,7 @@ void SKT_DestroySocket(SKT_SOCKET_CB_S **ppstSocketCB)
                                             "*ppstSocketCB is NULL", "*ppstSocketCB is invalid"), );
     SKT_SOCKET_CB_S *pstSocketCB = *ppstSocketCB;
     gstLiveSockets.Remove(pstSocketCB);
+    (void)gstDeadSockets.Add(pstSocketCB);  // a full set forgets it: best effort
     MOD_ListDel(&pstSocketCB->stNode);
     for (s32 *plFd : {&pstSocketCB->lSocket, &pstSocketCB->lListenSocket}) {
         if (*plFd >= 0)
@@ -162,6 +167,8 @@ const char *SKT_Refusal(const SKT_SOCKET_CB_S *pstSocketCB, const char *pcNullTe
 {
     return gstLiveSockets.Refusal(pstSocketCB, pcNullText, "pstSocketCB is invalid");
 }
+
+bool SKT_WasDestroyed(const SKT_SOCKET_CB_S *pstSocketCB) { return gstDeadSockets.Contains(pstSocketCB); }
 
 int SktBindLocal(const SKT_SOCKET_CB_S *pstSocketCB, const SKT_SOCK_INFO_S *pstSockInfo)
 {

@@ -20,6 +20,9 @@ void SKT_DestroySocket(SKT_SOCKET_CB_S **ppstSocketCB);
 // thread still drives it is that caller's race, not caught here.
 const char *SKT_Refusal(const SKT_SOCKET_CB_S *pstSocketCB, const char *pcNullText = "pstSocketCB is NULL");
 
+// True for a block that the layer destroyed (and has not handed out again).
+bool SKT_WasDestroyed(const SKT_SOCKET_CB_S *pstSocketCB);
+
 // An IPv4 address in network order as dotted text, in the caller's storage
 // (thread-safe, unlike inet_ntoa's static buffer).
 struct SktIpText {

@@ -171,8 +171,17 @@ IBP_API u32 SKT_TcpPollSock(u32 ulSockNum, SKT_SOCKET_CB_S **apstSocketCB, s32 l
         IBP_ERR("pstSocketCB is NULL");
         return 1;
     }
+    // A block the caller made itself is polled as it is, its descriptor
+    // tested; only one that the layer destroyed is refused unread.
     for (u32 i = 0; i < ulSockNum; ++i) {
-        HANDLE_REFUSE_IF(SKT_Refusal(apstSocketCB[i]), 1);
+        if (apstSocketCB[i] == nullptr) {
+            IBP_ERR("pstSocketCB is NULL");
+            return 1;
+        }
+        if (SKT_WasDestroyed(apstSocketCB[i])) {
+            IBP_ERR("pstSocketCB is invalid");
+            return 1;
+        }
         if (apstSocketCB[i]->lSocket < 0) {
             IBP_ERR("i:%u lSocket:%d illegal", i, apstSocketCB[i]->lSocket);
             return 1;

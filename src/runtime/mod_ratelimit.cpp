@@ -40,14 +40,24 @@ constexpr std::array<MOD_RATE_CFG_S, static_cast<size_t>(MOD_RATE_KIND_E::NUM)> 
 u32 *MOD_RateCounter(size_t i)
 {
     MOD_PROC_STAT_COUNT_S &st = MOD_ProcStat();
-    static u32 *const apulCounter[] = {
-        &st.aulBadInput[IBP_BAD_HEADER],   &st.aulBadInput[IBP_BAD_LENGTH],
-        &st.aulBadInput[IBP_BAD_NO_DEST],  &st.aulBadInput[IBP_BAD_BUF_FULL],
-        &st.aulBadInput[IBP_BAD_UNFINISHED], &st.ulStrayAcks,
-        &st.aulBadInput[IBP_BAD_FOREIGN_ACK], nullptr,
-    };
-    static_assert(sizeof(apulCounter) / sizeof(apulCounter[0]) == static_cast<size_t>(MOD_RATE_KIND_E::NUM));
-    return apulCounter[i];
+    switch (static_cast<MOD_RATE_KIND_E>(i)) {
+        case MOD_RATE_KIND_E::BAD_HDR:
+            return &st.aulBadInput[IBP_BAD_HEADER];
+        case MOD_RATE_KIND_E::LONG_MSG:
+            return &st.aulBadInput[IBP_BAD_LENGTH];
+        case MOD_RATE_KIND_E::NO_DEST:
+            return &st.aulBadInput[IBP_BAD_NO_DEST];
+        case MOD_RATE_KIND_E::BUF_FULL:
+            return &st.aulBadInput[IBP_BAD_BUF_FULL];
+        case MOD_RATE_KIND_E::UNFINISHED:
+            return &st.aulBadInput[IBP_BAD_UNFINISHED];
+        case MOD_RATE_KIND_E::STRAY_ACK:
+            return &st.ulStrayAcks;
+        case MOD_RATE_KIND_E::FOREIGN_ACK:
+            return &st.aulBadInput[IBP_BAD_FOREIGN_ACK];
+        default:
+            return nullptr;  // kernel drops have a counter of their own
+    }
 }
 
 void MOD_RateCount(size_t i, u32 ulNum)

@@ -140,7 +140,9 @@ TEST_F(Misuse, EveryCallRefusesWithItsResultAndRecord)
         return std::vector<BadHandle>{{ulArg, pDead, pcText}, {ulArg, pNever, pcText}};
     };
     const auto kBuf = Bad(0, hDeadBuf, "hCBuf is invalid"), kSock = Bad(0, hDeadSock, "pstSocketCB is invalid");
-    const auto kSockIn = Bad(1, hDeadSock, "*ppstSocketCB is invalid"), kPolled = Bad(1, hDeadSock, kSock[0].pcText);
+    const auto kSockIn = Bad(1, hDeadSock, "*ppstSocketCB is invalid");
+    // The poll takes a block of the caller's own making as it is: only a destroyed one is refused unread.
+    const std::vector<BadHandle> kPolled = {{1, hDeadSock, kSock[0].pcText}};
     MSG_HANDLE hMsg = MSG_Create("hi", 2), hLying = MSG_Create("hi", 2), hShort = MOD_GetBuf(8), hAck = nullptr;
     MOD_MODULE_S *pstProc = MOD_GetModuleByID(MOD_PROC_MODULE_ID);
     ASSERT_TRUE(hBuf && hSock && hMsg && hShort && pstProc);
