@@ -204,6 +204,23 @@ void LOG_WriteFile(u32 ulModule, const char *pcComposite, va_list args)
 
 // Writes the expanded head and the caller's format, still unexpanded, into
 // pcOut: one composite format of at most 1023 characters.
+// "YYYY-MM-DD HH:MM:SS" of the second tSec, in local time; the text of the
+// last second is kept per thread, as most records of a thread fall into the
+// second of the one before.
+const char *LOG_DateText(time_t tSec)
+{
+    static __thread time_t tCached = -1;
+    static __thread char acCached[64];
+    if (tSec != tCached) {
+        struct tm stTm;
+        localtime_r(&tSec, &stTm);
+        snprintf(acCached, sizeof(acCached), "%.4d-%.2d-%.2d %.2d:%.2d:%.2d", stTm.tm_year + 1900, stTm.tm_mon + 1,
+                 stTm.tm_mday, stTm.tm_hour, stTm.tm_min, stTm.tm_sec);
+        tCached = tSec;
+    }
+    return acCached;
+}
+
 void LOG_ComposeFormat(char (&acOut)[kRecordMax], u32 ulModule, u32 ulLevel,
                        const char *pcSrcFile, const char *pcFunc, s32 lLine,
                        const char *pcFormat)
@@ -213,24 +230,17 @@ void LOG_ComposeFormat(char (&acOut)[kRecordMax], u32 ulModule, u32 ulLevel,
 
     struct timeval stNow;
     gettimeofday(&stNow, nullptr);
-    struct tm stTm;
-    time_t tSec = stNow.tv_sec;
-    localtime_r(&tSec, &stTm);
-
-    memset(acOut, 0, sizeof(acOut));
-    int lHead = snprintf(acOut, sizeof(acOut),
-                         "%.4d-%.2d-%.2d %.2d:%.2d:%.2d.%.3ld %-20s@%-24s [%3s][%s]",
-                         stTm.tm_year + 1900, stTm.tm_mon + 1, stTm.tm_mday, stTm.tm_hour,
-                         stTm.tm_min, stTm.tm_sec, static_cast<long>(stNow.tv_usec / 1000),
-                         acPlace, pcFunc, g_apcLogLevelName[ulLevel],
+    int lHead = snprintf(acOut, sizeof(acOut), "%s.%.3ld %-20s@%-24s [%3s][%s]", LOG_DateText(stNow.tv_sec),
+                         static_cast<long>(stNow.tv_usec / 1000), acPlace, pcFunc, g_apcLogLevelName[ulLevel],
                          g_astLogModule[ulModule].pcName);
-    size_t ulUsed = (lHead < 0) ? 0 : strlen(acOut);
+    size_t ulUsed = (lHead < 0) ? 0 : (static_cast<size_t>(lHead) < kRecordMax ? static_cast<size_t>(lHead) : kRecordMax - 1);
     size_t ulRoom = kRecordMax - 1 - ulUsed;
     size_t ulFmtLen = strnlen(pcFormat, ulRoom);
     memcpy(acOut + ulUsed, pcFormat, ulFmtLen);
     ulUsed += ulFmtLen;
     if ((ulUsed == 0 || acOut[ulUsed - 1] != '\n') && ulUsed < kRecordMax - 1)
-        acOut[ulUsed] = '\n';
+        acOut[ulUsed++] = '\n';
+    acOut[ulUsed] = '\0';
 }
 
 // A record needs all three texts; a missing one is told, in argument order,
