@@ -9,6 +9,10 @@
 // traffic never holds the outbound queue back. The only timer is that of the
 // rate-limit counts, and it runs only while a count waits to be written.
 #include <sys/epoll.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -45,6 +49,16 @@ void MOD_SendSocketMsgProc()
         MOD_WakeProcThread();
 }
 
+// The kernel drops what the socket's buffer cannot hold, and nothing tells
+// the sender: the thread that drains the socket gets a larger share of a busy
+// processor than the threads that fill it, where the system lets it. Best
+// effort: without the right, it runs as any other thread.
+void MOD_FavourThisThread()
+{
+    constexpr int kNice = -5;
+    (void)setpriority(PRIO_PROCESS, static_cast<id_t>(syscall(SYS_gettid)), kNice);
+}
+
 // The sooner of the two timers, in milliseconds for epoll_wait; -1: none.
 int MOD_NextTimeout()
 {
@@ -72,6 +86,7 @@ void *MOD_ProcThreadProc(void *pvModule)
     }
     IBP_INF("enter proc thread: szModuleName=%s ulProcID=%#x ulModuleID=%#x", pstModule->szModuleName,
             pstModule->ulProcID, pstModule->ulModuleID);
+    MOD_FavourThisThread();
     const s32 lWakeFd = MOD_WakeFd();
     while (MOD_IsRunning(pstModule)) {
         struct epoll_event astEvents[kEpollEvents];

@@ -428,7 +428,7 @@ void MOD_TakeDatagram(const struct sockaddr_in *pstAddr, const u8 *pucData, u32 
 
 // Datagrams are read in batches: one call of the kernel for many, so that
 // the thread drains the socket faster than one sender fills it.
-constexpr u32 kRecvBatch = 8;
+constexpr u32 kRecvBatch = 16;
 
 struct MOD_RECV_BATCH_S {
     struct mmsghdr astMsg[kRecvBatch];
