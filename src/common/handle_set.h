@@ -18,6 +18,7 @@
 
 #include <cstdint>
 
+#include "common/mutex_guard.h"
 #include "ibp/isp_types.h"
 
 // In an exported call: returns `ret`, after the record of the refusal, when
@@ -64,7 +65,7 @@ public:
     bool Add(const void *pHandle)
     {
         const uintptr_t ulKey = reinterpret_cast<uintptr_t>(pHandle);
-        Guard stGuard(&stLock_);
+        MutexGuard stGuard(&stLock_);
         if (ulLive_ == kMaxLive)
             return false;
         u32 ulSlot = SlotOf(ulKey);
@@ -78,7 +79,7 @@ public:
     void Remove(const void *pHandle)
     {
         const uintptr_t ulKey = reinterpret_cast<uintptr_t>(pHandle);
-        Guard stGuard(&stLock_);
+        MutexGuard stGuard(&stLock_);
         u32 ulSlot = SlotOf(ulKey);
         for (u32 i = 0; i < kSlots; ++i, ulSlot = (ulSlot + 1) & kMask) {
             if (aulSlot_[ulSlot] == kEmpty)
@@ -97,16 +98,6 @@ private:
     static constexpr uintptr_t kGone = 1;  // no heap block lies at address 1
     static constexpr u32 kMask = kSlots - 1;
 
-    class Guard {
-    public:
-        explicit Guard(pthread_mutex_t *pstLock) : pstLock_(pstLock) { pthread_mutex_lock(pstLock_); }
-        ~Guard() { pthread_mutex_unlock(pstLock_); }
-        Guard(const Guard &) = delete;
-        Guard &operator=(const Guard &) = delete;
-
-    private:
-        pthread_mutex_t *pstLock_;
-    };
 
     // Fibonacci hashing of the address without its alignment bits.
     static u32 SlotOf(uintptr_t ulKey)

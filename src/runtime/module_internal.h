@@ -86,6 +86,7 @@
 #include <cerrno>
 
 #include "common/mod_list.h"
+#include "common/mutex_guard.h"
 #include "ibp/isp_module.h"
 #include "ibp/isp_system.h"
 
@@ -103,16 +104,7 @@ const MOD_PROC_CFG_S *MOD_FindProcRow(u32 ulProcID);
 constexpr u32 MOD_NOMINAL_MAX_NUM = 50;
 
 // A plain mutex held for the scope.
-class MOD_MutexGuard {
-public:
-    explicit MOD_MutexGuard(pthread_mutex_t *pstMutex) : pstMutex_(pstMutex) { pthread_mutex_lock(pstMutex_); }
-    ~MOD_MutexGuard() { pthread_mutex_unlock(pstMutex_); }
-    MOD_MutexGuard(const MOD_MutexGuard &) = delete;
-    MOD_MutexGuard &operator=(const MOD_MutexGuard &) = delete;
-
-private:
-    pthread_mutex_t *pstMutex_;
-};
+using MOD_MutexGuard = MutexGuard;
 
 // A semaphore of value 1 held as a mutex for the scope.
 class MOD_SemGuard {
