@@ -7,7 +7,7 @@
 set -euo pipefail
 
 native=(g++ cmake make pkg-config libgtest-dev libbenchmark-dev libmxml-dev
-        unzip zip iproute2 util-linux binutils jq doxygen mandoc dpkg-dev
+        unzip zip iproute2 util-linux binutils jq valgrind doxygen mandoc dpkg-dev
         g++-arm-linux-gnueabihf binutils-arm-linux-gnueabihf qemu-user
         clang libclang-rt-14-dev qemu-system-arm cpio file lintian)
 armhf=(libmxml-dev:armhf libgtest-dev:armhf libstdc++6:armhf)

@@ -39,7 +39,7 @@ typedef struct {
     u32 ulStrayAcks;                 /**< synchronous acks for it that no thread waited for, dropped */
     u32 ulQueueDepth;                /**< messages in its queue now */
     u32 ulQueueHigh;                 /**< most messages that were in its queue at once */
-    u32 ulHandlerRuns;               /**< handler runs timed */
+    u32 ulHandlerRuns;               /**< handler runs timed: every message handed to a handler */
     u32 ulHandlerP50Us;              /**< median handler time, microseconds, rounded up to a power of two */
     u32 ulHandlerP99Us;              /**< 99th percentile of the handler time, likewise */
     u32 ulHandlerMaxUs;              /**< longest handler time, microseconds */

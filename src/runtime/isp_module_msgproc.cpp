@@ -26,15 +26,16 @@ MOD_MSG_PROC_S *MOD_FindEntryLocked(MOD_MSG_PROC_CTRL_S *pstCtrl, u32 ulMsgID, b
     return nullptr;
 }
 
-// Hands one message of the module's queue to its handler; false, with the
-// message freed, for a buffer that holds no message.
-bool MOD_DeliverOne(MOD_MODULE_S *pstModule, MOD_BUF_S *pstBuf, MOD_SLOT_STAT_S *pstStat)
+enum class MOD_DELIVER_E { kHandled, kNoHandler, kBadBuf };
+
+// Hands one message of the module's queue to its handler, and frees it.
+MOD_DELIVER_E MOD_DeliverOne(MOD_MODULE_S *pstModule, MOD_BUF_S *pstBuf)
 {
     // A block too short for a header is as unusable as none.
     if (pstBuf->pMem == nullptr || pstBuf->ulLen < MSG_HDR_LEN) {
         IBP_ERR("buf memory addr invalid");
         MOD_FreeBuf(pstBuf);
-        return false;
+        return MOD_DELIVER_E::kBadBuf;
     }
     // The records use a copy: the handler may change the message.
     MSG_HDR_S stHdr;
@@ -42,19 +43,17 @@ bool MOD_DeliverOne(MOD_MODULE_S *pstModule, MOD_BUF_S *pstBuf, MOD_SLOT_STAT_S 
     MOD_CountMsg(&pstModule->ulRecvMsgCount, &pstModule->ulLastRecvMsg, stHdr.ulMsgID);
 
     MOD_MSG_PROC_COPY_S stProc{};
+    MOD_DELIVER_E enResult = MOD_DELIVER_E::kHandled;
     if (!MOD_FindMsgProc(&pstModule->stMsgProcCtrl, stHdr.ulMsgID, &stProc) || stProc.pfnMsgProc == nullptr) {
         IBP_WRN("msg proc func not found: " MOD_MSG_HDR_FMT, MOD_MSG_HDR_ARGS(&stHdr));
-        if (pstStat != nullptr)
-            MOD_StatInc(&pstStat->ulNoHandler);
+        enResult = MOD_DELIVER_E::kNoHandler;
     } else {
         IBP_DBG("proc msg: " MOD_MSG_HDR_FMT, MOD_MSG_HDR_ARGS(&stHdr));
         stProc.pfnMsgProc(stHdr.ulMsgID, pstBuf, stProc.pParam);
         IBP_DBG("proc msg: id=%#x assId=%#x DONE!!!", stHdr.ulMsgID, stHdr.ulAssMsgID);
-        if (pstStat != nullptr)
-            MOD_StatInc(&pstStat->ulHandled);
     }
     MOD_FreeBuf(pstBuf);
-    return true;
+    return enResult;
 }
 
 }  // namespace
@@ -172,8 +171,8 @@ IBP_API MOD_MSG_PROC_S *MOD_GetMsgProc(MOD_MSG_PROC_CTRL_S *pstCtrl, u32 ulMsgID
 
 // The whole queue is taken at once: one lock for a burst instead of one per
 // message. A handler's time is measured from the end of the one before it
-// in the same batch, which adds the free of a message and costs one clock
-// reading per message.
+// in the same batch, which adds the free of a message and costs one reading
+// of the tick count per message.
 IBP_API u32 MOD_RecvMsgProc(MOD_MODULE_S *pstModule)
 {
     if (pstModule == nullptr) {
@@ -183,19 +182,23 @@ IBP_API u32 MOD_RecvMsgProc(MOD_MODULE_S *pstModule)
     MOD_SLOT_STAT_S *pstStat = MOD_IsPoolSlot(pstModule) ? &MOD_SlotStat(MOD_SlotIndex(pstModule)) : nullptr;
     MOD_LIST_S stBatch;
     while (MOD_MsgQueueTakeAll(pstModule, &stBatch) != 0) {
-        u64 ullPrev = MOD_StatNowNs();
+        u64 ullPrev = MOD_StatTicks();
         while (!MOD_ListEmpty(&stBatch)) {
             MOD_BUF_S *pstBuf = MOD_ListEntry(stBatch.pstNext, &MOD_BUF_S::stNode);
             MOD_ListDel(&pstBuf->stNode);
-            if (!MOD_DeliverOne(pstModule, pstBuf, pstStat)) {
+            const MOD_DELIVER_E enResult = MOD_DeliverOne(pstModule, pstBuf);
+            if (enResult == MOD_DELIVER_E::kBadBuf) {
                 MOD_MsgQueuePutBack(pstModule, &stBatch);
                 return 1;
             }
-            if (pstStat != nullptr) {
-                const u64 ullNow = MOD_StatNowNs();
+            if (pstStat == nullptr)
+                continue;
+            const u64 ullNow = MOD_StatTicks();
+            if (enResult == MOD_DELIVER_E::kHandled)
                 MOD_StatHandlerRun(*pstStat, ullNow - ullPrev);
-                ullPrev = ullNow;
-            }
+            else
+                MOD_StatInc(&pstStat->ulNoHandler);
+            ullPrev = ullNow;
         }
     }
     return 0;

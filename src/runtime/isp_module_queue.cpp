@@ -162,7 +162,7 @@ void MOD_MsgQueuePutBack(MOD_MODULE_S *pstModule, MOD_LIST_S *pstRest)
     MOD_ListAppend(&pstModule->stMsgCtrl.stUsedList, pstRest);
     MOD_ListSplice(pstRest, &pstModule->stMsgCtrl.stUsedList);
     if (MOD_IsPoolSlot(pstModule))
-        MOD_StatTaken(MOD_SlotStat(MOD_SlotIndex(pstModule)), 0u - ulNum);
+        MOD_StatPutBack(MOD_SlotStat(MOD_SlotIndex(pstModule)), ulNum);
 }
 
 extern "C" {

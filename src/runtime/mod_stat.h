@@ -19,19 +19,23 @@
 #endif
 
 constexpr bool MOD_STATS_ON = IBP_STATS != 0;
-// Handler times in buckets of powers of two microseconds: bucket 0 holds
-// runs under 1 us, bucket b those under 2^b us; the last takes the rest.
-constexpr u32 MOD_HIST_BUCKETS = 24;
+// Handler times in buckets of powers of two ticks of MOD_StatTicks: bucket b
+// holds runs under 2^b ticks; the last takes the rest. Reports turn ticks
+// into microseconds.
+constexpr u32 MOD_HIST_BUCKETS = 40;
 
+// Per message a module costs one add when it is queued and, when handled,
+// one reading of the tick count and two stores; what can be derived is:
+// the depth is what was queued less what was taken, the high-water mark the
+// largest batch its thread took (between two takes a queue only grows), the
+// handled messages the sum of the histogram.
 struct MOD_SLOT_STAT_S {
-    u32 ulRecv;       // under the queue's lock
-    u32 ulDepth;      // under the queue's lock
-    u32 ulHigh;       // under the queue's lock
-    u32 ulHandled;    // the module's thread
+    u32 ulRecv;       // queued; under the queue's lock
+    u32 ulTaken;      // taken off the queue (delivered or freed); under the queue's lock
+    u32 ulHigh;       // the largest batch taken; under the queue's lock
     u32 ulNoHandler;  // the module's thread
-    u32 ulRuns;       // the module's thread
-    u32 ulMaxUs;      // the module's thread
-    u32 aulHist[MOD_HIST_BUCKETS];  // the module's thread
+    u64 ullMaxTicks;  // the module's thread
+    u32 aulHist[MOD_HIST_BUCKETS];  // handled, by time; the module's thread
     u32 ulRefused;    // any sender
     u32 ulDrained;    // whoever unregisters
     u32 ulStrayAcks;  // any deliverer
@@ -98,47 +102,48 @@ inline void MOD_StatSub(u32 *pul)
         __atomic_fetch_sub(pul, 1u, __ATOMIC_RELAXED);
 }
 
-// Under the queue's lock: one more message waits, or ulNum fewer.
-inline void MOD_StatQueued(MOD_SLOT_STAT_S &stStat)
-{
-    if constexpr (MOD_STATS_ON) {
-        MOD_StatInc(&stStat.ulRecv);
-        const u32 ulDepth = __atomic_load_n(&stStat.ulDepth, __ATOMIC_RELAXED) + 1;
-        __atomic_store_n(&stStat.ulDepth, ulDepth, __ATOMIC_RELAXED);
-        if (ulDepth > __atomic_load_n(&stStat.ulHigh, __ATOMIC_RELAXED))
-            __atomic_store_n(&stStat.ulHigh, ulDepth, __ATOMIC_RELAXED);
-    }
-}
+// Under the queue's lock: one more message waits, or the thread took ulNum
+// (all there were), or ulNum went back.
+inline void MOD_StatQueued(MOD_SLOT_STAT_S &stStat) { MOD_StatInc(&stStat.ulRecv); }
 inline void MOD_StatTaken(MOD_SLOT_STAT_S &stStat, u32 ulNum)
 {
-    if constexpr (MOD_STATS_ON)
-        __atomic_store_n(&stStat.ulDepth, __atomic_load_n(&stStat.ulDepth, __ATOMIC_RELAXED) - ulNum,
-                         __ATOMIC_RELAXED);
+    if constexpr (MOD_STATS_ON) {
+        MOD_StatInc(&stStat.ulTaken, ulNum);
+        if (ulNum > __atomic_load_n(&stStat.ulHigh, __ATOMIC_RELAXED))
+            __atomic_store_n(&stStat.ulHigh, ulNum, __ATOMIC_RELAXED);
+    }
 }
+inline void MOD_StatPutBack(MOD_SLOT_STAT_S &stStat, u32 ulNum) { MOD_StatInc(&stStat.ulTaken, 0u - ulNum); }
 
-// Monotonic nanoseconds, for the handler times.
-inline u64 MOD_StatNowNs()
+// A monotonic count for the handler times, read once per message: the
+// processor's time-stamp counter where there is one (a few nanoseconds),
+// else the monotonic clock in nanoseconds (a call of tens of them).
+inline u64 MOD_StatTicks()
 {
     if constexpr (!MOD_STATS_ON)
         return 0;
+#if defined(__x86_64__) || defined(__i386__)
+    return __builtin_ia32_rdtsc();
+#else
     timespec stNow{};
     clock_gettime(CLOCK_MONOTONIC, &stNow);
     return static_cast<u64>(stNow.tv_sec) * 1000000000ull + static_cast<u64>(stNow.tv_nsec);
+#endif
 }
 
-// The module's thread: one handler run of ullNs.
-inline void MOD_StatHandlerRun(MOD_SLOT_STAT_S &stStat, u64 ullNs)
+// Nanoseconds per tick of MOD_StatTicks, measured once, for the reports.
+double MOD_StatNsPerTick();
+
+// The module's thread: one handler run of ullTicks.
+inline void MOD_StatHandlerRun(MOD_SLOT_STAT_S &stStat, u64 ullTicks)
 {
     if constexpr (MOD_STATS_ON) {
-        const u64 ullUs = ullNs / 1000;
-        const u32 ulUs = ullUs > 0xffffffffu ? 0xffffffffu : static_cast<u32>(ullUs);
-        // Bucket b holds runs under 2^b us: the bit length of the microseconds.
-        u32 ulBucket = ulUs == 0 ? 0 : 32 - static_cast<u32>(__builtin_clz(ulUs));
+        // Bucket b holds runs under 2^b ticks: the bit length of the count.
+        u32 ulBucket = ullTicks == 0 ? 0 : 64 - static_cast<u32>(__builtin_clzll(ullTicks));
         if (ulBucket >= MOD_HIST_BUCKETS)
             ulBucket = MOD_HIST_BUCKETS - 1;
         MOD_StatInc(&stStat.aulHist[ulBucket]);
-        MOD_StatInc(&stStat.ulRuns);
-        if (ulUs > __atomic_load_n(&stStat.ulMaxUs, __ATOMIC_RELAXED))
-            __atomic_store_n(&stStat.ulMaxUs, ulUs, __ATOMIC_RELAXED);
+        if (ullTicks > __atomic_load_n(&stStat.ullMaxTicks, __ATOMIC_RELAXED))
+            __atomic_store_n(&stStat.ullMaxTicks, ullTicks, __ATOMIC_RELAXED);
     }
 }
