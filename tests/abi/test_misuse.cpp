@@ -17,8 +17,8 @@
 #include <vector>
 
 #include "harness/log_capture.h"
+#include "harness/sockets.h"
 #include "harness/test_env.h"
-#include "runtime/transport_util.h"
 
 using namespace ibptest;
 
