@@ -5,10 +5,8 @@
 #include <optional>
 #include <string>
 
-#include "harness/sockets.h"
 #include "harness/files.h"
-#include "harness/log_capture.h"
-#include "harness/test_env.h"
+#include "harness/service.h"
 #include "runtime/sendmsg_internal.h"
 
 namespace ibptest {
@@ -42,25 +40,6 @@ inline std::optional<std::string> Ask(u32 ulMsgID, const std::string &body, u32 
 }
 
 // A service process with the base commands, logging into cap_.
-class CmdService : public testing::Test {
-protected:
-    void SetUp() override
-    {
-        IBP_REQUIRE_ISOLATION();
-        IBP_INIT_S st = StartRecord(0, LogCapture::Sink(), LOG_LEVEL_INF);
-        ASSERT_EQ(IBP_Init(&st), 0u) << cap_.Dump();
-        up_ = true;
-    }
-    void TearDown() override
-    {
-        if (!up_)
-            return;
-        MOD_SysDestroy();
-        CMD_Destroy();
-        IBP_Destroy();
-    }
-    LogCapture cap_{LOG_LEVEL_INF};
-    bool up_ = false;
-};
+using CmdService = ServiceTest<LOG_LEVEL_INF>;
 
 }  // namespace ibptest
