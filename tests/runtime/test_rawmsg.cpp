@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <tuple>
 #include <vector>
 
 #include "harness/log_capture.h"
@@ -19,9 +20,7 @@ TEST(RawMsg, MakeCloneAndRefusals)
     MSG_HANDLE h = MSG_Create(b.data(), 8143);
     ASSERT_NE(h, nullptr);
     auto *hdr = static_cast<MSG_HDR_S *>(h->pMem);
-    EXPECT_EQ(hdr->ulMsgLen, 8191u);
-    EXPECT_EQ(hdr->ulMsgBodyLen, 8143u);
-    EXPECT_EQ(h->ulLen, 8191u);
+    EXPECT_EQ(std::tie(hdr->ulMsgLen, hdr->ulMsgBodyLen, h->ulLen), std::tuple(8191u, 8143u, 8191u));
     EXPECT_EQ(memcmp(hdr + 1, b.data(), 8143), 0);
     MSG_HANDLE c = MSG_Clone(h);
     ASSERT_NE(c, nullptr);
