@@ -1,12 +1,9 @@
 // The ISP_ wrappers that change something on the way to the libc; the others pass through.
 #include <gtest/gtest.h>
-#include <fcntl.h>
-#include <sys/stat.h>
 
 #include <cerrno>
 #include <cstdint>
 
-#include "harness/test_env.h"
 #include "ibp/isp_system.h"
 
 TEST(ThinWrappers, FreeClearsTheVariableAndTheDeviationsFromTheLibc)
@@ -39,16 +36,4 @@ TEST(ThinWrappers, FreeClearsTheVariableAndTheDeviationsFromTheLibc)
     EXPECT_EQ(errno, EINVAL);
     close(fds[0]);
     close(fds[1]);
-}
-
-TEST(ThinWrappers, OpenPassesItsModeOn)
-{
-    IBP_REQUIRE_ISOLATION();
-    const mode_t old = ISP_umask(0);
-    const int fd = ISP_open("/tmp/thin_open", O_CREAT | O_WRONLY | O_TRUNC, 0640);
-    ISP_umask(old);
-    struct stat st;
-    ASSERT_EQ(fstat(fd, &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0640u);
-    close(fd);
 }
