@@ -219,16 +219,18 @@ TEST(CircBufArgs, SizesLongNamesAndTokensInElementBuffers)
               cap.Lines());
 }
 
-TEST(CircBufPrint, NewestFirstAndCutToCapacity)
+// Behind the text that the buffer holds on entry, as every display function writes (common/cmd_display.h).
+TEST(CircBufPrint, NewestFirstBehindTheTextOnEntryAndCutToCapacity)
 {
     Buf a(8, 1, 0, "A"), c(1024, 1, 1, nullptr), b(16, 2, 0, "a-very-long-name");
     b.Start(14);
     ASSERT_EQ(5, CBUF_Write(b.h, "0123456789", 5));
-    const std::string sAll = ibptest::ReadData("containers/data/print.txt");
+    const std::string sAll = "old\n" + ibptest::ReadData("containers/data/print.txt");
     for (u32 ulCap : {8192u, 100u}) {  // cut short, one byte goes to the terminator
-        std::string sOut(ulCap + 1, '\0');
+        std::string sOut = "old\n" + std::string(ulCap - 4, '\0') + "########";
         u32 ulLen = ulCap;
         EXPECT_EQ(0u, CBUF_PrintCircBuf(&ulLen, sOut.data()));
+        EXPECT_EQ(sOut.substr(ulCap), "########") << "written past the capacity of " << ulCap;
         sOut.resize(strlen(sOut.c_str()));
         EXPECT_EQ(sOut.size(), ulLen);
         EXPECT_EQ(sAll.substr(0, ulCap - 1), sOut);
