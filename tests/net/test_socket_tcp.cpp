@@ -80,7 +80,6 @@ TEST(TcpConnect, ClientAtOnceOrThroughInProgressAndServerAccept)
     EXPECT_EQ(lListen, srv.h->lListenSocket);
     const s32 lConn = SKT_GetSocketFD(srv.h);
     EXPECT_NE(lListen, lConn);
-    EXPECT_EQ(1u, cap.CountPrefix("accept a connection(ip:127.0.0.1, port:")) << cap.Dump();
     EXPECT_EQ(htons(kPort), srv.h->usRemotePort);  // not replaced by the peer's
     cap.Clear();
     EXPECT_EQ(0u, SKT_TcpConnect(srv.h));  // connected: nothing to do
@@ -171,7 +170,6 @@ TEST(TcpRecv, PartialReceiveQuietPeerAndClosedPeer)
     ulLen = sizeof(aucBuf);
     EXPECT_EQ(1u, SKT_TcpRecv(p.srv.h, 1, &ulLen, aucBuf));
     EXPECT_EQ(kClosed, p.srv.h->enSockStatus);
-    EXPECT_EQ(1u, cap.CountPrefix("Socket received no data, error:")) << cap.Dump();
     // From here on the connection is only good for destroying.
     EXPECT_EQ(-1, SKT_TcpSend(p.srv.h, 4, aucBuf, &ulRetry, &ulSleep));
     EXPECT_LOG(cap, "ERR", "BP", "Param illegal! enSockStatus:5 lSocket:" + sFd);

@@ -69,14 +69,12 @@ TEST(SocketUdp, OptionsBindingDisplayAndABindFailureThatLeavesTheListAsItWas)
         EXPECT_EQ(bServer ? ulLo : 0u, stAddr.sin_addr.s_addr);
         EXPECT_EQ(bServer ? htons(7001) : 0, stAddr.sin_port);
     }
-    char acFds[2][16];  // newest first
-    snprintf(acFds[0], sizeof(acFds[0]), "%-10d", SKT_GetSocketFD(cli.h));
-    snprintf(acFds[1], sizeof(acFds[1]), "%-10d", SKT_GetSocketFD(srv.h));
+    const auto fd = [](SKT_HANDLE h) { std::string s = std::to_string(SKT_GetSocketFD(h)); return s.resize(10, ' '), s; };
     const std::string sHead = "SocketFd   ModuleID   IPAddr           Port     TCP/UDP    "
                               "Server/Client    Status     Timeout(ms) \n";
-    const std::string sAll =
-        sHead + acFds[0] + " 0x90000002 127.0.0.9        65535    UDP        Client           0          -1         \n" +
-        acFds[1] + " 0          127.0.0.1        7002     UDP        Server           0          2000       \n";
+    const std::string sAll =  // newest first
+        sHead + fd(cli.h) + " 0x90000002 127.0.0.9        65535    UDP        Client           0          -1         \n" +
+        fd(srv.h) + " 0          127.0.0.1        7002     UDP        Server           0          2000       \n";
     EXPECT_EQ(sAll, Display());
     const int lFree = LowestFreeFd();
     ibptest::LogCapture cap;
