@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "../tests/harness/sockets.h"  // shared with the tests and the soak sender
 #include "ibp/ibp.h"
 
 namespace bench {
@@ -85,13 +86,7 @@ inline bool Isolated()
 // ERR: the DBG and INF records of the runtime are filtered before they cost.
 inline IBP_INIT_S InitRecord(u32 bIsDt, LOG_OUTPUT_PFN pfnOutput)
 {
-    IBP_INIT_S stInit = {};
-    stInit.bIsDt = bIsDt;
-    stInit.stLogInit.ulOutputMode = LOG_OUTPUT_FUNC;
-    stInit.stLogInit.pfnOutput = pfnOutput;
-    for (u32 &ulLevel : stInit.stLogInit.aulLevel)
-        ulLevel = LOG_LEVEL_ERR;
-    return stInit;
+    return ibptest::StartRecord(bIsDt, pfnOutput, LOG_LEVEL_ERR);
 }
 
 }  // namespace bench

@@ -1,12 +1,4 @@
 # Checks of the public headers and of the shared object's symbol table.
-add_executable(c_header_check ${CMAKE_CURRENT_LIST_DIR}/c_header_check.c)
-target_include_directories(c_header_check PRIVATE ${PROJECT_SOURCE_DIR}/include ${IBP_GENERATED_INCLUDE})
-set_target_properties(c_header_check PROPERTIES C_STANDARD 11 C_EXTENSIONS OFF)
-target_compile_options(c_header_check PRIVATE -Wall -Wextra -Werror)
-
-add_executable(cxx_header_check ${CMAKE_CURRENT_LIST_DIR}/cxx_header_check.cpp)
-target_include_directories(cxx_header_check PRIVATE ${PROJECT_SOURCE_DIR}/include ${IBP_GENERATED_INCLUDE})
-target_compile_options(cxx_header_check PRIVATE -Wall -Wextra -Werror)
 
 # Only the library's own names may leave the shared object. For the cross
 # build the cross nm reads the armhf object; nothing needs to run.

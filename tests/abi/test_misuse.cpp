@@ -16,9 +16,7 @@
 #include <type_traits>
 #include <vector>
 
-#include "harness/log_capture.h"
-#include "harness/test_env.h"
-#include "runtime/transport_util.h"
+#include "harness/service.h"
 
 using namespace ibptest;
 
@@ -96,19 +94,8 @@ u32 Handler(u32, MSG_HANDLE, void *) { return 0; }
 void Visit(void *, void *, u32 *) {}
 std::string Ptr(const void *p) { char ac[32]; snprintf(ac, sizeof(ac), "%p", p); return ac; }
 
-class Misuse : public testing::Test {
+class Misuse : public ServiceTest<LOG_LEVEL_WRN> {  // not the threads' INF records
 protected:
-    void SetUp() override
-    {
-        IBP_REQUIRE_ISOLATION();
-        IBP_INIT_S st = StartRecord(0, LogCapture::Sink(), LOG_LEVEL_WRN);  // not the threads' INF
-        ASSERT_EQ(IBP_Init(&st), 0u) << cap_.Dump();
-    }
-    void TearDown() override
-    {
-        MOD_SysDestroy();
-        CMD_Destroy();
-    }
     void Check(size_t ulRow, size_t ulCall, const Row &r, const Args &a, const std::string &text)
     {
         SCOPED_TRACE(testing::Message() << "row " << ulRow << " (" << r.texts[0] << "), call " << ulCall
@@ -119,12 +106,10 @@ protected:
         std::string seen = testing::internal::GetCapturedStdout();
         EXPECT_EQ(lResult, r.lResult);
         seen = seen.empty() ? "" : "out:" + seen;
-        const auto recs = cap_.Records();
-        if (!recs.empty())
-            seen += recs[0].level + " " + recs[0].module + " " + recs[0].text;
+        if (const auto lines = cap_.Lines(); !lines.empty())
+            seen += lines[0];
         EXPECT_EQ(seen, Expected(text));
     }
-    LogCapture cap_;
 };
 
 TEST_F(Misuse, EveryCallRefusesWithItsResultAndRecord)

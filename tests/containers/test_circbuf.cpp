@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "containers/isp_circbuf_priv.h"
+#include "harness/files.h"
 #include "harness/log_capture.h"
 #include "ibp/isp_circbuf.h"
 
@@ -50,14 +51,6 @@ struct Buf {
     CBUF_HANDLE h = nullptr;
     Slots reads, writes;
 };
-
-std::vector<std::string> Texts(const ibptest::LogCapture &cap)  // "[LEVEL]text" of every record
-{
-    std::vector<std::string> texts;
-    for (const auto &rec : cap.Records())
-        texts.push_back("[" + rec.level + "]" + rec.text);
-    return texts;
-}
 
 TEST(CircBufWrite, PartialOverwritingWrappingAndZeroCopyWrites)
 {
@@ -219,26 +212,25 @@ TEST(CircBufArgs, SizesLongNamesAndTokensInElementBuffers)
         EXPECT_EQ(nullptr, CBUF_Init(&stInit));
     }
     EXPECT_EQ(1u, CBUF_TokenLocate(w.h, reinterpret_cast<const u8 *>("x"), 0));  // byte buffers only
-    EXPECT_EQ((std::vector<std::string>{
-                  "[ERR]init param invalid! ulElemSize=0 ulElemNum=8",
-                  "[ERR]init param invalid! ulElemSize=4 ulElemNum=0", "[ERR]buffer size 6 invalid!",
-                  "[ERR]seek can only be used in cbuf which elem size is 4"}),
-              Texts(cap));
+    EXPECT_EQ((std::vector<std::string>{"ERR BP init param invalid! ulElemSize=0 ulElemNum=8",
+                                        "ERR BP init param invalid! ulElemSize=4 ulElemNum=0",
+                                        "ERR BP buffer size 6 invalid!",
+                                        "ERR BP seek can only be used in cbuf which elem size is 4"}),
+              cap.Lines());
 }
 
-TEST(CircBufPrint, NewestFirstAndCutToCapacity)
+// Behind the text that the buffer holds on entry, as every display function writes (common/cmd_display.h).
+TEST(CircBufPrint, NewestFirstBehindTheTextOnEntryAndCutToCapacity)
 {
     Buf a(8, 1, 0, "A"), c(1024, 1, 1, nullptr), b(16, 2, 0, "a-very-long-name");
     b.Start(14);
     ASSERT_EQ(5, CBUF_Write(b.h, "0123456789", 5));
-    const std::string sAll = "BufName    BufNum     Override   HeadPos    TailPos    UsedNum    SpaceNum   \n"
-                             "a-very-long-name 16         No         3          14         5          10         \n"
-                             "           1024       Yes        0          0          0          1023       \n"
-                             "A          8          No         0          0          0          7          \n";
+    const std::string sAll = "old\n" + ibptest::ReadData("containers/data/print.txt");
     for (u32 ulCap : {8192u, 100u}) {  // cut short, one byte goes to the terminator
-        std::string sOut(ulCap + 1, '\0');
+        std::string sOut = "old\n" + std::string(ulCap - 4, '\0') + "########";
         u32 ulLen = ulCap;
         EXPECT_EQ(0u, CBUF_PrintCircBuf(&ulLen, sOut.data()));
+        EXPECT_EQ(sOut.substr(ulCap), "########") << "written past the capacity of " << ulCap;
         sOut.resize(strlen(sOut.c_str()));
         EXPECT_EQ(sOut.size(), ulLen);
         EXPECT_EQ(sAll.substr(0, ulCap - 1), sOut);
@@ -269,10 +261,10 @@ TEST(CQueue, FirstInFirstOutAcrossTheEndAndFailuresAreLogged)
         ASSERT_EQ(ulNextOut + 1, q.reads.size());  // one read callback per pop, on the popped slot
         EXPECT_EQ(ulNextOut & 3, q.reads.back());
     }
-    EXPECT_EQ((std::vector<std::string>{"[ERR]CBUF_Read() fail",
-                                        "[WRN]circ buf space not enough! request=1 space=0 maxNum=4",
-                                        "[ERR]CBUF_Write() fail"}),
-              Texts(cap));
+    EXPECT_EQ((std::vector<std::string>{"ERR BP CBUF_Read() fail",
+                                        "WRN BP circ buf space not enough! request=1 space=0 maxNum=4",
+                                        "ERR BP CBUF_Write() fail"}),
+              cap.Lines());
     EXPECT_EQ(Slots{0}, o.reads);  // overwriting: the oldest made way through the read callback
     ASSERT_EQ(0u, CQUE_Pop(o.h, &stOut));
     EXPECT_EQ(2u, stOut.ulId);

@@ -1,22 +1,17 @@
 // The command line inside the library: the tree copy built from every cut of
-// the base tree text and from texts with surplus nodes, and a storm of random
-// keys through the editor and the interpreter that stays within every buffer.
-#include <fcntl.h>
+// the base tree text and from texts with surplus nodes. (Random keys through
+// the editor and the interpreter: the fuzz target cli_keys and its corpus.)
 #include <gtest/gtest.h>
-#include <sys/mman.h>
-#include <unistd.h>
-
-#include <cstring>
-#include <random>
 
 #include "debug/isp_cli_priv.h"
-#include "debug/cmd_util.h"
+#include "harness/files.h"
+#include "harness/log_capture.h"
 
 using ibptest::LogCapture;
 
 namespace {
 
-const std::string kBase = ibptest::ReadData("base_tree.txt");
+const std::string kBase = ibptest::ReadData("debug/data/base_tree.txt");
 
 // Depth first as the tree text: title and help lines, and counts when asked.
 // Fails the test where a count is not the number of children on the ring.
@@ -69,40 +64,5 @@ TEST(CliTree, EveryCutOfTheBaseTextBuildsWhatItHolds)
     };
     for (const auto &c : kSurplus)
         EXPECT_EQ(Build(c.pcText), c.pcWant);
-    CLI_DropTree();
-}
-
-TEST(CliEditor, StormOfRandomKeysStaysWithinTheBuffers)
-{
-    LogCapture cap(LOG_LEVEL_ERR + 1);
-    std::mt19937 rng(14);
-    // Random bytes, the editor's keys and the tree's words, in a random mix.
-    const std::vector<std::string> kKeys = {"\r", "\r", "\t", "\t", "?", "\x1b[A", "\x1b[B", "\x1bOC", "\x1b[D", "\x1b",
-                                            "\x1b[15~", "\b", "\x7f", "isp ", "bp ", "log ", "cli ", "proc ", "cfg ",
-                                            "p", "BP ", "3 ", "-1 ", "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa "};
-    std::string sStorm;
-    while (sStorm.size() < 100000)
-        sStorm += rng() % 3 == 0 ? std::string(1, static_cast<char>(rng())) : kKeys[rng() % kKeys.size()];
-    sStorm.resize(100000);
-    const int lIn = memfd_create("cli-storm", 0), lNull = open("/dev/null", O_WRONLY);
-    const int lSavedIn = dup(0), lSavedOut = dup(1);
-    ASSERT_EQ(pwrite(lIn, sStorm.data(), sStorm.size(), 0), ssize_t(sStorm.size()));
-    Build(kBase);
-    fflush(stdout);
-    dup2(lIn, 0), dup2(lNull, 1);
-    u32 ulLines = 0;
-    bool bWithin = true;  // checked once the screen is back
-    for (clearerr(stdin); ISP_CLI_Getline(); ulLines++) {  // also past lines that begin with "q"
-        bWithin &= strlen(gszLineBuf) <= CLI_LINE_MAX;
-        ISP_CLI_MainProcess();
-        bWithin &= strlen(gszExtendParam) < sizeof(gszExtendParam);
-    }
-    fflush(stdout);
-    dup2(lSavedIn, 0), dup2(lSavedOut, 1);
-    clearerr(stdin);
-    for (int fd : {lIn, lNull, lSavedIn, lSavedOut})
-        close(fd);
-    EXPECT_TRUE(bWithin);
-    EXPECT_GT(ulLines, 2000u);  // the storm went through the interpreter, not around it
     CLI_DropTree();
 }

@@ -1,8 +1,7 @@
-// The command service over messages: the tree text asked by a second process
-// over UDP, the table of requests and their exact answers, and an ack that
-// must not be answered.
+// The command service over messages: the table of requests and their exact
+// answers, and an ack that must not be answered. (The tree text:
+// test_cmd_tree.cpp; a second process asking over UDP: test_dt.cpp.)
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <cstring>
 
@@ -46,57 +45,16 @@ void RegTestCmds()
 
 }  // namespace
 
-// First in the program: the fork comes before any thread (qemu-user needs that).
-TEST(CmdFromDebugTool, TreeTextAndALogLevelOverUdp)
-{
-    IBP_REQUIRE_ISOLATION();
-    int go[2];
-    ASSERT_EQ(pipe(go), 0);
-    pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {  // the debug tool process; what it got goes to standard error
-        close(go[1]);
-        IBP_INIT_S st = StartRecord(1, nullptr, LOG_LEVEL_ERR);
-        if (char c; IBP_Init(&st) != 0 || read(go[0], &c, 1) != 1)
-            _exit(10);
-        const auto tree = Ask(CMD_MSG_GET_TREE, std::string("dbgcmd", 7));
-        const auto level = Ask(CMD_MSG_EXEC_CMD, std::string("<isp bp log module level >BP;3;", 32));
-        if (tree == ReadData("base_tree.txt") && tree->size() == 443 && level == "operate success")
-            _exit(0);
-        fprintf(stderr, "tree:\n%s\nlevel: %s\n", tree.value_or("(none)").c_str(), level.value_or("(none)").c_str());
-        _exit(1);
-    }
-    close(go[0]);
-    LogCapture cap;
-    IBP_INIT_S st = StartRecord(0, LogCapture::Sink(), LOG_LEVEL_INF);
-    ASSERT_EQ(IBP_Init(&st), 0u) << cap.Dump();
-    ASSERT_EQ(write(go[1], "g", 1), 1);
-    int lStatus = -1;
-    ASSERT_EQ(waitpid(pid, &lStatus, 0), pid);
-    EXPECT_EQ(__atomic_load_n(&gstLogObj.aulLevel[LOG_MODULE_BP], __ATOMIC_RELAXED), static_cast<u32>(LOG_LEVEL_ERR));
-    MOD_SysDestroy();
-    CMD_Destroy();
-    IBP_Destroy();
-    EXPECT_EQ(lStatus, 0);
-}
-
 TEST_F(CmdService, AnswersEachRequestAsTheTableSays)
 {
     RegTestCmds();
-    std::istringstream table(ReadData("cmd_answers.txt"));
-    size_t ulCases = 0;
-    for (std::string line; std::getline(table, line);) {
-        if (line.empty() || line[0] == '#')
-            continue;
-        std::vector<std::string> col;
-        for (std::istringstream cells(line); std::getline(cells, col.emplace_back(), '\t');) {
-        }
-        ASSERT_GE(col.size(), 4u) << line;  // one empty behind the last
-        const std::string expect = Unescape(col[2]);
-        const bool bNone = expect == "(none)";
-        const auto answer =
-            Ask(static_cast<u32>(std::stoul(col[0], nullptr, 16)), Unescape(col[1]), bNone ? 200 : 2000);
-        EXPECT_EQ(answer.value_or("(none)"), expect) << line;
+    const auto rows = Rows("debug/data/cmd_answers.txt", '\t');
+    for (const auto &col : rows) {
+        const std::string line = col[0] + " " + col[1];
+        ASSERT_GE(col.size(), 3u) << line;
+        const bool bNone = col[2] == "(none)";
+        const auto answer = Ask(static_cast<u32>(std::stoul(col[0], nullptr, 16)), col[1], bNone ? 200 : 2000);
+        EXPECT_EQ(answer.value_or("(none)"), col[2]) << line;
         if (bNone) {
             // The short wait says nothing about the service's thread, which
             // may not even have started on the request. Requests are served
@@ -107,12 +65,11 @@ TEST_F(CmdService, AnswersEachRequestAsTheTableSays)
             ASSERT_TRUE(Ask(0x10002, std::string("<isp bp proc cfg >", 19)).has_value()) << line;
             EXPECT_EQ(cap_.CountPrefix("drop sync ack that no thread waits for: "), 0u) << "answered after all: " << line;
         }
-        if (col.size() > 4) {
+        if (col.size() > 3) {
             EXPECT_LOG(cap_, col[3].substr(0, 3), "BP", col[3].substr(4));
         }
-        ulCases++;
     }
-    EXPECT_GE(ulCases, 25u);
+    EXPECT_GE(rows.size(), 25u);
     EXPECT_EQ(gstLogObj.aulLevel[LOG_MODULE_BP], static_cast<u32>(LOG_LEVEL_ERR));  // the last request set it
 }
 

@@ -23,7 +23,7 @@ struct TreeCase {
 std::vector<TreeCase> LoadCases()
 {
     std::vector<TreeCase> cases;
-    std::istringstream in(ReadData("tree_cases.txt"));
+    std::istringstream in(ReadData("debug/data/tree_cases.txt"));
     bool bText = false;
     for (std::string line; std::getline(in, line);) {
         if (line.rfind("== ", 0) == 0) {
@@ -77,7 +77,7 @@ TEST_P(CmdTreeCase, GivesItsSubtree)
         }
     }
     // The root gains a second child, if any; all else of the base tree stays as it was.
-    const std::string base = ReadData("base_tree.txt");
+    const std::string base = ReadData("debug/data/base_tree.txt");
     EXPECT_EQ(Ask(CMD_MSG_GET_TREE, std::string("dbgcmd", 7)),
               c.subtree.empty() ? base : "isp\ntitle:\n2\n" + base.substr(13) + c.subtree);
 }
@@ -94,6 +94,6 @@ TEST_F(CmdService, CallsOutOfTurnChangeNothing)
     CMD_Destroy();
     EXPECT_EQ(CMD_RegDisplayCmd(FnA, &stElem, 1), 1u);
     EXPECT_LOG(cap_, "ERR", "BP", "cmd table not initialized, call CMD_Init first");
-    EXPECT_EQ(Ask(CMD_MSG_GET_TREE, std::string("dbgcmd", 7)), ReadData("base_tree.txt"));
+    EXPECT_EQ(Ask(CMD_MSG_GET_TREE, std::string("dbgcmd", 7)), ReadData("debug/data/base_tree.txt"));
     EXPECT_EQ(Ask(CMD_MSG_EXEC_CMD, std::string("<isp bp proc cfg >", 19)), "operate fail");
 }

@@ -1,6 +1,6 @@
 // ibp-dt as its user meets it: transcripts (keys in, screen out) typed into a
-// pseudo-terminal, -c lines and their exit statuses, and the first request on
-// the wire; against a real ibp-isp, none, or a service that the test plays.
+// pseudo-terminal, -c lines and their exit statuses; against a real ibp-isp,
+// none, or a service that the test plays.
 // And the programs side by side: of two started at the same moment on one
 // port exactly one runs; ibp-ping says what fails while it fails and gives
 // its figures when a signal stops it.
@@ -14,7 +14,6 @@
 
 #include <array>
 #include <filesystem>
-#include <map>
 #include <memory>
 #include <optional>
 
@@ -25,6 +24,7 @@ using namespace ibptest;
 namespace {
 
 std::string Env(const char *pcName) { return getenv(pcName) != nullptr ? getenv(pcName) : ""; }
+std::string Data(const std::string &sName) { return ReadData("debug/data/" + sName); }
 std::string ReadAll(int fd, std::string s = "")  // to the end, or to EAGAIN
 {
     char ac[4096];
@@ -121,18 +121,8 @@ std::string Render(const std::string &sOut)
     return s;
 }
 
-// Keys as a .keys file writes them: \r \t \e (ESC) \b (BS) \d (DEL) \D (Ctrl-D) \\; the file's line
-// ends are no keys.
-std::string Keys(const std::string &sText)
-{
-    static const std::map<char, char> kEsc = {{'r', '\r'}, {'t', '\t'},    {'e', '\x1b'}, {'b', '\b'},
-                                              {'d', '\x7f'}, {'D', '\x04'}, {'\\', '\\'}};
-    std::string s;
-    for (size_t i = 0; i < sText.size(); i++)
-        if (sText[i] != '\n')
-            s += sText[i] == '\\' ? kEsc.at(sText[++i]) : sText[i];
-    return s;
-}
+// Keys as a .keys file writes them, in C escapes (\d DEL, \D Ctrl-D); the file's line ends are no keys.
+std::string Keys(std::string sText) { return std::erase(sText, '\n'), Unescape(sText); }
 
 // A service that the test plays on 127.0.0.1:7001, by a script of one line
 // per request, in order: "tree FILE" (a data file) or "cmd TEXT", C escapes
@@ -140,33 +130,33 @@ std::string Keys(const std::string &sText)
 struct Played {
     std::vector<std::optional<std::string>> answers;
     int fd = -1;
+    size_t ulAsked = 0;
 };
 
 Played ReadScript(const std::string &sName)
 {
     Played p;
-    std::istringstream in(ReadData(sName));
+    std::istringstream in(Data(sName));
     for (std::string sKind, sArg; in >> sKind && std::getline(in >> std::ws, sArg);)
         p.answers.push_back(sArg == "-" ? std::nullopt
-                                        : std::optional(Unescape(sKind == "tree" ? ReadData(sArg) : sArg)));
+                                        : std::optional(Unescape(sKind == "tree" ? Data(sArg) : sArg)));
     return p;
 }
 
 struct Session {
     std::string sScreen;
     int lStatus = -1;
-    bool bRestored = false;        // the terminal settings are those from before
-    std::vector<Bytes> datagrams;  // what the played service got
+    bool bRestored = false;  // the terminal settings are those from before
 };
 
-// The played service's turn: the next line of its script for a datagram.
-void Answer(Played *pPlay, Session *pS)
+// The played service's turn: the next line of its script for a datagram; beyond the script, none. A
+// request that the tool should have kept to itself takes the answer of the next one.
+void Answer(Played *pPlay)
 {
-    Bytes &b = pS->datagrams.emplace_back(8192);
+    Bytes b(8192);
     b.resize(std::max<ssize_t>(recv(pPlay->fd, b.data(), b.size(), 0), MSG_HDR_LEN));
     const sockaddr_in dt = {AF_INET, htons(7002), {htonl(INADDR_LOOPBACK)}, {}};
-    const size_t i = pS->datagrams.size() - 1;  // beyond the script: unanswered
-    if (i < pPlay->answers.size() && pPlay->answers[i]) {
+    if (const size_t i = pPlay->ulAsked++; i < pPlay->answers.size() && pPlay->answers[i]) {
         const Bytes ack = AckTo(b, *pPlay->answers[i]);
         sendto(pPlay->fd, ack.data(), ack.size(), 0, reinterpret_cast<const sockaddr *>(&dt), sizeof(dt));
     }
@@ -209,7 +199,7 @@ Session Type(const std::string &sKeys, const std::vector<std::string> &vecArgs =
                 close(lMaster), lMaster = p[1].fd = -1;
         }
         if ((p[2].revents & POLLIN) != 0)
-            Answer(pPlay, &s);
+            Answer(pPlay);
     }
     s.sScreen = Render(ReadAll(lMaster, sOut));
     s.lStatus = Wait(pid);
@@ -231,23 +221,13 @@ void PlayTranscripts(bool bPlayed)
         if (e.path().extension() != ".keys" || std::filesystem::exists(sDir + "/../" + sName + ".service") != bPlayed)
             continue;
         SCOPED_TRACE(sName);
-        const std::vector<std::string> vecArgs = Split(ReadData(sName + ".args"), '\n');
+        const std::vector<std::string> vecArgs = Split(Data(sName + ".args"), '\n');
         Played play = bPlayed ? ReadScript(sName + ".service") : Played{};
-        const Session s = Type(Keys(ReadData(sName + ".keys")), vecArgs, bPlayed ? &play : nullptr);
-        EXPECT_EQ(ReadData(sName + ".screen"), s.sScreen);
+        const Session s = Type(Keys(Data(sName + ".keys")), vecArgs, bPlayed ? &play : nullptr);
+        EXPECT_EQ(Data(sName + ".screen"), s.sScreen);
         EXPECT_EQ(s.lStatus, 0);
         EXPECT_TRUE(s.bRestored);
     }
-}
-
-// Rows of a data file, columns split at "|" after C escapes.
-std::vector<std::vector<std::string>> Rows(const std::string &sName)
-{
-    std::vector<std::vector<std::string>> rows;
-    for (const std::string &sLine : Split(ReadData(sName), '\n'))
-        if (!sLine.empty() && sLine[0] != '#')
-            rows.push_back(Split(Unescape(sLine) + "|", '|'));  // an empty last column too
-    return rows;
 }
 
 // A program on a pseudo-terminal of its own, started behind a gate if there
@@ -291,59 +271,26 @@ TEST(DebugTool, TranscriptsInAPseudoTerminal)
     EXPECT_EQ(Type("isp bp", {}, nullptr, true).lStatus, 0);
 }
 
-TEST(DebugTool, FirstRequestIsTheWorkedExampleAndAmbiguityIsReported)
-{
-    IBP_REQUIRE_ISOLATION();
-    Played play = ReadScript("played/service.service");  // the base commands and "isp x ab|ac"
-    const Session s = Type(Keys(ReadData("played/service.keys")), {}, &play);
-    EXPECT_EQ(ReadData("played/service.screen"), s.sScreen);
-    EXPECT_TRUE(s.bRestored);
-    // "isp bp log cli ..." is the tool's own business: the service gets the
-    // tree request and "isp x ab" alone.
-    ASSERT_EQ(s.datagrams.size(), 2u);
-    const Bytes &cmd = s.datagrams[1];
-    EXPECT_EQ(std::string(cmd.begin() + MSG_HDR_LEN, cmd.end()), std::string("<isp x ab >", 12));
-    Bytes want = FromDt(MSG_TYPE_SYNC_REQ, 0x10001, MOD_ID_ISP_CMD, std::string("dbgcmd", 7));
-    ASSERT_EQ(s.datagrams[0].size(), 55u);
-    std::copy_n(s.datagrams[0].begin() + 46, 2, want.begin() + 46);  // reserved: any two bytes
-    EXPECT_EQ(s.datagrams[0], want);
-}
-
 TEST(DebugTool, LinesWithoutATerminalAndTheirExitStatus)
 {
     IBP_REQUIRE_ISOLATION();
     // No service: one line says so, and the lines behind are not tried.
     const DtRun stNone = RunDt({"-c", "isp bp proc cfg", "-c", "isp bp"});
     EXPECT_EQ(stNone.lStatus, 2);
-    EXPECT_EQ(stNone.sOut + stNone.sErr, ReadData("no_answer.txt"));
-    auto Report = [](const std::string &sLine, size_t ulCaret, const char *pcText) {
-        return sLine + "\n" + std::string(ulCaret, ' ') + "^\n" + pcText + " command input!\n";
-    };
-    const std::string sLong = "isp bp log " + std::string(38, 'a') + " 3";  // 38 + 1 fit the parameters, 3 more not
-    const struct { std::vector<std::string> args; int lStatus; std::string sOut; } kCases[] = {
-        {{"-c", "isp bp log BP 3", "-c", "isp bp log cli 0"}, 0, "operate success\noperate success\n"},
-        {{"-c", "isp bp log ITF 1"}, 1, "operate fail\n"},
-        {{"-c", "isp bp pro", "-c", "isp bp"}, 1,
-         Report("isp bp pro", 7, "Wrong") + Report("isp bp", 7, "Incomplete")},
-        {{"-c", "isp bp socket cr"}, 1, Report("isp bp socket cr", 14, "Wrong")},
-        {{"-c", sLong}, 1, Report(sLong, 50, "Wrong")},
-        {{"-c", "isp bp mo\t", "-c", "isp bp module \t"}, 0,
-         "isp bp module \ncfg              title:display module cfg\n"
-         "info             title:display module info\n\nisp bp module \n"},
-    };
+    EXPECT_EQ(stNone.sOut + stNone.sErr, Data("no_answer.txt"));
     Service isp;
     ASSERT_TRUE(isp.Ready());
-    for (const auto &c : kCases) {
-        const DtRun r = RunDt(c.args);
-        EXPECT_EQ(r.lStatus, c.lStatus) << c.args[1] << r.sErr;
-        EXPECT_EQ(r.sOut, c.sOut) << c.args[1];
+    for (const auto &row : Rows("debug/data/dt_lines.txt")) {  // arguments, exit status, standard output
+        const DtRun r = RunDt(Split(row[0], ';'));
+        EXPECT_EQ(r.lStatus, std::stoi(row[1])) << row[0] << r.sErr;
+        EXPECT_EQ(r.sOut, row[2]) << row[0];
     }
 }
 
 TEST(Programs, OfTwoStartedTogetherOnOnePortExactlyOneRuns)
 {
     IBP_REQUIRE_ISOLATION();
-    const auto rows = Rows("one_per_port.txt");  // ibp-isp, ibp-dt, ibp-ping
+    const auto rows = Rows("debug/data/one_per_port.txt");  // ibp-isp, ibp-dt, ibp-ping
     const std::pair<int, int> kPairs[] = {{0, 0}, {1, 1}, {2, 2}, {1, 2}};
     std::unique_ptr<Service> isp;
     for (const auto &[lFirst, lSecond] : kPairs) {
@@ -383,7 +330,8 @@ TEST(Programs, PingSaysWhatFailsWhileItFailsAndGivesItsFiguresOnSigterm)
     IBP_REQUIRE_ISOLATION();
     RawPeer isp(7001);  // the test plays the service: it echoes the first record, then falls silent
     ASSERT_TRUE(isp.Bound());
-    const auto want = Rows("ping_stopped.txt")[0];  // arguments, what it says while records fail, all it says
+    // Arguments, what it says while records fail, all it says.
+    const auto want = Rows("debug/data/ping_stopped.txt")[0];
     OnPty ping({"IBP_PING", want[0], want[1]}, -1);
     const Bytes req = isp.Recv();
     ASSERT_GE(req.size(), MSG_HDR_LEN);

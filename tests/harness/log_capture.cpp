@@ -67,6 +67,14 @@ std::vector<LogRecord> LogCapture::Records() const
     return records_;
 }
 
+std::vector<std::string> LogCapture::Lines(bool bFunc) const
+{
+    std::vector<std::string> lines;
+    for (const LogRecord &r : Records())
+        lines.push_back(r.level + " " + r.module + " " + (bFunc ? r.func + " " : "") + r.text);
+    return lines;
+}
+
 void LogCapture::Clear()
 {
     std::lock_guard<std::mutex> lock(mu_);
@@ -83,12 +91,31 @@ size_t LogCapture::CountPrefix(const std::string &prefix) const
     return CountIf(*this, [&](const LogRecord &r) { return r.text.compare(0, prefix.size(), prefix) == 0; });
 }
 
+unsigned LogCapture::LeftOut(const std::string &kind) const
+{
+    unsigned ulSum = 0;
+    for (const LogRecord &r : Records())
+        if (r.text.starts_with(kind + ": "))
+            ulSum += static_cast<unsigned>(std::stoul(r.text.substr(kind.size() + 2)));
+    return ulSum;
+}
+
 std::string LogCapture::Dump() const
 {
     std::string all;
     for (const LogRecord &r : Records())
         all += r.raw + (r.raw.empty() || r.raw.back() != '\n' ? "\n" : "");
     return all;
+}
+
+void ExpectRefusals(LogCapture &cap, const std::vector<Refusal> &refusals)
+{
+    for (const auto &[call, lines] : refusals) {
+        SCOPED_TRACE(lines.empty() ? "(no record)" : lines.back());
+        cap.Clear();
+        EXPECT_TRUE(call());
+        EXPECT_EQ(cap.Lines(), lines);
+    }
 }
 
 }  // namespace ibptest

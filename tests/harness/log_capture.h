@@ -1,6 +1,9 @@
 // Collects log records in memory, each parsed into its columns.
 #pragma once
 
+#include <gtest/gtest.h>
+
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -24,11 +27,15 @@ public:
     LogCapture &operator=(const LogCapture &) = delete;
 
     std::vector<LogRecord> Records() const;
+    // "LEVEL MODULE text" of every record in order, "LEVEL MODULE function text" with bFunc.
+    std::vector<std::string> Lines(bool bFunc = false) const;
     void Clear();
     // Records with this level name, module name and exact text.
     size_t Count(const std::string &level, const std::string &module, const std::string &text) const;
     // Records whose text starts with `prefix`, any level and module.
     size_t CountPrefix(const std::string &prefix) const;
+    // Sum of the counts that the rate limit wrote for one kind of record ("KIND: N more ...").
+    unsigned LeftOut(const std::string &kind) const;
     std::string Dump() const;  // all records, for failure messages
     // The output function, for a start record of the library's own (IBP_Init).
     static LOG_OUTPUT_PFN Sink() { return &LogCapture::Output; }
@@ -38,6 +45,15 @@ private:
     mutable std::mutex mu_;
     std::vector<LogRecord> records_;
 };
+
+// A call that is to be refused: true when it gave the refusal's result; the records it writes, as Lines().
+struct Refusal {
+    std::function<bool()> call;
+    std::vector<std::string> lines;
+};
+
+// Runs each call on a cleared capture and checks its result and all its records.
+void ExpectRefusals(LogCapture &cap, const std::vector<Refusal> &refusals);
 
 }  // namespace ibptest
 

