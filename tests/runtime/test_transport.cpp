@@ -6,6 +6,7 @@
 #include <chrono>
 #include <mutex>
 #include <semaphore>
+#include <thread>
 
 #include "harness/service.h"
 #include "runtime/mod_ratelimit.h"
@@ -141,6 +142,44 @@ TEST(Wire, FirstCommandRequestOfTheDebugTool)
     ASSERT_EQ(wire.size(), 55u);
     wire[46] = wire[47] = 0xee;  // reserved: any two bytes
     EXPECT_EQ(wire, expect);
+}
+
+// Only the service's own address and port answer for it: an ack with the identifiers of the request
+// that waits, from any other local port, is dropped with its record, and the service's own answers.
+TEST(Wire, AnAckFromAnotherPortDoesNotAnswerForTheService)
+{
+    IBP_REQUIRE_ISOLATION();
+    RawPeer service(kIspPort), forger(7105);
+    ASSERT_TRUE(service.Bound() && forger.Bound());
+    LogCapture cap(LOG_LEVEL_WRN);
+    IBP_INIT_S st = StartRecord(1, LogCapture::Sink(), LOG_LEVEL_WRN);
+    ASSERT_EQ(IBP_Init(&st), 0u);
+    MSG_HANDLE hAck = nullptr;
+    u32 ulRet = 9;
+    std::thread caller([&] { ulRet = MSG_SendSyncMsg(MOD_ID_ISP_CMD, 0x10002, MSG_Create("q", 2), 5000, &hAck); });
+    const Bytes req = service.Recv();
+    MSG_HDR_S stReq{};
+    if (req.size() >= MSG_HDR_LEN)
+        memcpy(&stReq, req.data(), MSG_HDR_LEN);
+    const auto Ack = [&](const std::string &body) {
+        return MakeBlock(MSG_TYPE_SYNC_ACK, stReq.ulMsgID, MOD_ID_ISP_CMD, MOD_PROC_MODULE_ID, MOD_PROC_ID_ISP,
+                         MOD_PROC_ID_DT, body, stReq.ulAssMsgID);
+    };
+    EXPECT_TRUE(forger.SendTo(kDtPort, Ack("forged")));
+    const std::string sDrop = "drop sync ack from 127.0.0.1:7105, not the address of proc 0xbfffffff: ";
+    for (int i = 0; i < 500 && cap.CountPrefix(sDrop) == 0; i++)  // the process thread's record of it
+        usleep(10000);
+    EXPECT_EQ(cap.CountPrefix(sDrop), 1u) << cap.Dump();
+    EXPECT_TRUE(service.SendTo(kDtPort, Ack("real")));
+    caller.join();
+    ASSERT_EQ(ulRet, 0u) << cap.Dump();
+    void *pBody = nullptr;
+    u32 ulLen = 0;
+    ASSERT_EQ(MSG_Decode(hAck, &pBody, &ulLen), 0u);
+    EXPECT_EQ(std::string(static_cast<char *>(pBody), ulLen), "real");
+    MSG_Destroy(hAck);
+    MOD_SysDestroy();
+    IBP_Destroy();
 }
 
 // The service with "ISP_IMG" recorded by rec_, and a raw peer on the debug tool's port.
