@@ -7,6 +7,7 @@
 #include "log/log_internal.h"
 #include "runtime/mod_stat.h"
 #include "runtime/module_internal.h"
+#include "runtime/proc_internal.h"
 
 IBP_LOG_SOURCE("isp_module");
 
@@ -188,7 +189,12 @@ IBP_API u32 MOD_RecvMsgProc(MOD_MODULE_S *pstModule)
             MOD_ListDel(&pstBuf->stNode);
             const MOD_DELIVER_E enResult = MOD_DeliverOne(pstModule, pstBuf);
             if (enResult == MOD_DELIVER_E::kBadBuf) {
+                // The rest waits for the next pass; the queue is not empty
+                // now, so no sender will post for it: post here.
+                const bool bRest = !MOD_ListEmpty(&stBatch);
                 MOD_MsgQueuePutBack(pstModule, &stBatch);
+                if (bRest)
+                    MOD_WakeModuleThread(pstModule);
                 return 1;
             }
             if (pstStat == nullptr)

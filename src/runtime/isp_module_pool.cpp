@@ -38,6 +38,9 @@ std::array<MOD_SLOT_THR_S, MOD_MAX_MODULE_NUM> gastSlotThr;
 ISP_THR_ENTRY_PFN gpfnProcThreadEntry;
 // Set once the pool has been set up; the list heads are not valid before.
 bool gbPoolReady;
+// Slots on the free list, moved with it under the pool's lock and read
+// without it; a slot between its unlisting and its return is on neither list.
+u32 gulFreeSlots;
 // Look-ups without the pool's lock: per row of the module table, the newest
 // registered slot of that row's module, or null. Rewritten under the pool's
 // lock whenever the in-use list changes; read with one atomic load, so that
@@ -111,6 +114,7 @@ MOD_MODULE_S *MOD_TakeFreeSlot()
         return nullptr;
     MOD_MODULE_S *pstModule = MOD_ModuleOf(stCtrl.stFreeList.pstNext);
     MOD_ListDel(&pstModule->stNode);
+    __atomic_fetch_sub(&gulFreeSlots, 1u, __ATOMIC_RELEASE);
     return pstModule;
 }
 
@@ -133,6 +137,7 @@ void MOD_ReleaseSlot(MOD_MODULE_S *pstModule, bool bListed)
     pstModule->bUsed = 0;
     MOD_SemGuard lock(&stCtrl.stLock);
     MOD_ListPushFront(&stCtrl.stFreeList, &pstModule->stNode);
+    __atomic_fetch_add(&gulFreeSlots, 1u, __ATOMIC_RELEASE);
 }
 
 // Every module thread runs here: it waits until MOD_RegModule has finished
@@ -163,11 +168,7 @@ bool MOD_StopThread(MOD_MODULE_S *pstModule)
 {
     if (__atomic_exchange_n(&pstModule->bRun, 0u, __ATOMIC_ACQ_REL) == 0)
         return false;
-    // The process thread waits in epoll, never on its semaphore.
-    if (pstModule->ulModuleID == MOD_PROC_MODULE_ID)
-        MOD_WakeProcThread();
-    else
-        sem_post(&pstModule->stWakeSem);
+    MOD_WakeModuleThread(pstModule);
     return true;
 }
 
@@ -275,6 +276,12 @@ bool MOD_InitModulePool(ISP_THR_ENTRY_PFN pfnProcThread)
         IBP_ERR("module %s of an earlier start is still registered, unregister it first", pstLeft->szModuleName);
         return false;
     }
+    // Unlisted but not free yet: a thread that outlived its unregistration
+    // is giving its slot back right now.
+    if (MOD_PoolReady() && __atomic_load_n(&gulFreeSlots, __ATOMIC_ACQUIRE) != MOD_MAX_MODULE_NUM) {
+        IBP_ERR("a module of an earlier start is still giving its slot back, try again later");
+        return false;
+    }
     gpfnProcThreadEntry = pfnProcThread;
     for (MOD_MODULE_S *&pstNewest : gapstNewest)
         __atomic_store_n(&pstNewest, nullptr, __ATOMIC_RELEASE);
@@ -283,8 +290,25 @@ bool MOD_InitModulePool(ISP_THR_ENTRY_PFN pfnProcThread)
         MOD_SetUpSlot(&stModule);
         MOD_ListPushFront(&stCtrl.stFreeList, &stModule.stNode);
     }
+    __atomic_store_n(&gulFreeSlots, MOD_MAX_MODULE_NUM, __ATOMIC_RELEASE);
     __atomic_store_n(&gbPoolReady, true, __ATOMIC_RELEASE);
     return true;
+}
+
+void MOD_ClearSlotStats()
+{
+    const bool bLocks = MOD_PoolReady();
+    for (MOD_MODULE_S &stSlot : gstCurProc.astModule) {
+        const size_t ulSlot = MOD_SlotIndex(&stSlot);
+        const u32 ulSent = __atomic_load_n(&stSlot.ulSendMsgCount, __ATOMIC_RELAXED);
+        if (!bLocks) {  // no queue runs before the pool's set-up, and its locks do not exist yet
+            MOD_StatClearSlot(ulSlot, ulSent);
+            continue;
+        }
+        // Puts and takes move the queue depth under this lock.
+        MOD_SemGuard lock(&stSlot.stMsgCtrl.stLock);
+        MOD_StatClearSlot(ulSlot, ulSent);
+    }
 }
 
 void MOD_ForEachInUse(void (*pfnVisit)(const MOD_MODULE_S *pstModule, void *pUser), void *pUser)
@@ -411,8 +435,9 @@ IBP_API u32 MOD_UnregModule(u32 ulModuleID)
         return 1;
     }
     // Nothing more gets in; the thread handles what did before it leaves.
-    MOD_MsgQueueShut(pstModule);
-    if (!MOD_StopThread(pstModule)) {
+    // The gate names the registration: a slot that another unregistration
+    // took, or that a later module reuses, is not this call's to stop.
+    if (!MOD_MsgQueueShut(pstModule, ulModuleID) || !MOD_StopThread(pstModule)) {
         IBP_ERR("module %#x is already being unregistered", ulModuleID);
         return 1;
     }

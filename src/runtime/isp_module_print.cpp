@@ -161,10 +161,8 @@ IBP_API u32 IBP_GetProcStat(IBP_PROC_STAT_S *pstStat)
 
 IBP_API void IBP_ClearStat(void)
 {
-    u32 aulSent[MOD_MAX_MODULE_NUM];
-    for (u32 i = 0; i < MOD_MAX_MODULE_NUM; i++)
-        aulSent[i] = __atomic_load_n(&gstCurProc.astModule[i].ulSendMsgCount, __ATOMIC_RELAXED);
-    MOD_StatClearAll(aulSent);
+    MOD_ClearSlotStats();
+    MOD_StatResetProc();
 }
 
 }  // extern "C"

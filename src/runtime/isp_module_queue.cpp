@@ -107,10 +107,14 @@ u32 MOD_MsgQueueGen(const MOD_MODULE_S *pstSlot)
     return __atomic_load_n(&gaulMsgGen[MOD_SlotIndex(pstSlot)], __ATOMIC_RELAXED);
 }
 
-void MOD_MsgQueueShut(MOD_MODULE_S *pstSlot)
+bool MOD_MsgQueueShut(MOD_MODULE_S *pstSlot, u32 ulModuleID)
 {
     MOD_SemGuard lock(&pstSlot->stMsgCtrl.stLock);
-    gaulMsgGate[MOD_SlotIndex(pstSlot)] = 0;
+    u32 &ulGate = gaulMsgGate[MOD_SlotIndex(pstSlot)];
+    if (ulGate != ulModuleID)
+        return false;
+    ulGate = 0;
+    return true;
 }
 
 u32 MOD_MsgQueueClose(MOD_MODULE_S *pstSlot)

@@ -39,7 +39,8 @@ enum class MOD_PARSE_E : u32 {
     kMore,          // no whole message in the buffer yet
     kDrop,          // a message was consumed and dropped, with its record
     kBadBuf,        // the buffer got for the message was unusable; nothing consumed
-    kFailFlag,      // the fill could not be read, or the message could not be queued
+    kFailFlag,      // the fill of the receive buffer could not be read
+    kRefused,       // a message was consumed, and refused by its module going away
     kFail,          // another failure; nothing more can be done now
     kSkipped,       // a header that can never become a message was stepped over
     kSkippedQuiet,  // the same, its records left out under the rate limit
@@ -52,7 +53,7 @@ struct MOD_PARSE_OUT_S {
 };
 constexpr MOD_PARSE_OUT_S kParseOut[] = {
     {0, MOD_PARSE_DONE}, {0, MOD_PARSE_MORE}, {0, MOD_PARSE_DROP}, {0, MOD_PARSE_BADBUF},
-    {1, MOD_PARSE_FAIL}, {1, 0},              {1, 0},              {1, 0},
+    {1, MOD_PARSE_FAIL}, {1, MOD_PARSE_FAIL}, {1, 0},              {1, 0},              {1, 0},
 };
 static_assert(sizeof(kParseOut) / sizeof(kParseOut[0]) == static_cast<u32>(MOD_PARSE_E::kGoOn));
 
@@ -326,11 +327,11 @@ MOD_PARSE_E MOD_DeliverParsed(MOD_MODULE_S *pstModule, const MSG_HDR_S &stHdr, M
             MOD_StatAdd(&MOD_SlotStat(MOD_SlotIndex(pstModule)).ulRefused);
             IBP_ERR("add msg to module fail! ulRet=%u", 1u);
             MOD_FreeBuf(pstBuf);
-            return MOD_PARSE_E::kFailFlag;
+            return MOD_PARSE_E::kRefused;
         }
         MOD_Tap(stHdr);
         if (enPut == MOD_PUT_E::kFirst)
-            sem_post(&pstModule->stWakeSem);
+            MOD_WakeModuleThread(pstModule);
         return MOD_PARSE_E::kDone;
     }
     if (!MOD_AckFromItsProcess(stHdr, pstAddr)) {
@@ -385,6 +386,7 @@ void MOD_ParseAll(Bytes &stBytes, const struct sockaddr_in *pstAddr)
             case MOD_PARSE_E::kSkippedQuiet:
                 continue;
             case MOD_PARSE_E::kSkipped:
+            case MOD_PARSE_E::kRefused:  // consumed: the messages behind it are still good
                 IBP_ERR("parse socket msg fail!");
                 continue;
             case MOD_PARSE_E::kFailFlag:

@@ -78,7 +78,7 @@ u32 MOD_RouteLocal(MOD_MODULE_S *pstSrcModule, MOD_BUF_S *pstModBuf, const MSG_H
         return 1;
     }
     if (enPut == MOD_PUT_E::kFirst)
-        sem_post(&pstDstModule->stWakeSem);  // behind others, a wake-up is on its way
+        MOD_WakeModuleThread(pstDstModule);  // behind others, a wake-up is on its way
     return 0;
 }
 

@@ -148,12 +148,7 @@ void MOD_StatFillProc(IBP_PROC_STAT_S *pstOut)
     pstOut->ulMonitorLost = Load(st.ulMonitorLost);
 }
 
-void MOD_StatClearAll(const u32 (&aulSentNow)[MOD_MAX_MODULE_NUM])
-{
-    for (size_t i = 0; i < gastSlotStat.size(); i++)
-        MOD_StatZeroSlot(gastSlotStat[i], aulSentNow[i]);
-    MOD_StatResetProc();
-}
+void MOD_StatClearSlot(size_t ulSlot, u32 ulSentNow) { MOD_StatZeroSlot(gastSlotStat[ulSlot], ulSentNow); }
 
 void MOD_StatResetProc()
 {

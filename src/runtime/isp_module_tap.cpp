@@ -100,6 +100,15 @@ bool MOD_RingTake(MOD_TAP_RING_S *pstRing, MOD_TAP_EVENT_S *pstEvent)
     return true;
 }
 
+// The reader's: what the ring holds is thrown away, and its loss with it.
+void MOD_RingDrain(MOD_TAP_RING_S *pstRing)
+{
+    MOD_TAP_EVENT_S stEvent;
+    while (MOD_RingTake(pstRing, &stEvent)) {
+    }
+    __atomic_store_n(&gulLost, 0u, __ATOMIC_RELAXED);
+}
+
 MOD_TAP_RING_S *MOD_MakeRing()
 {
     auto *pstRing = static_cast<MOD_TAP_RING_S *>(calloc(1, sizeof(MOD_TAP_RING_S)));
@@ -170,9 +179,14 @@ bool MOD_TapLease(u32 ulModuleID, u32 ulProcID, u32 ulLeaseMs)
             return false;
         __atomic_store_n(&gpstRing, pstRing, __ATOMIC_RELEASE);
     }
+    const bool bWasOn = __atomic_load_n(&gbTapOn, __ATOMIC_RELAXED);
+    // A monitor that comes after the tap went off, or that looks at another
+    // module, must not be shown what was recorded for the one before it.
+    if (!bWasOn || __atomic_load_n(&gulFilterModule, __ATOMIC_RELAXED) != ulModuleID ||
+        __atomic_load_n(&gulFilterProc, __ATOMIC_RELAXED) != ulProcID)
+        MOD_RingDrain(__atomic_load_n(&gpstRing, __ATOMIC_ACQUIRE));
     __atomic_store_n(&gulFilterModule, ulModuleID, __ATOMIC_RELAXED);
     __atomic_store_n(&gulFilterProc, ulProcID, __ATOMIC_RELAXED);
-    const bool bWasOn = __atomic_load_n(&gbTapOn, __ATOMIC_RELAXED);
     __atomic_store_n(&gullLeaseEnd, MOD_NowMs() + ulLeaseMs, __ATOMIC_RELAXED);
     __atomic_store_n(&gbTapOn, true, __ATOMIC_RELEASE);
     if (!bWasOn)

@@ -81,3 +81,11 @@ void MOD_WakeProcThread()
     if (lFd >= 0)
         (void)!write(lFd, &ullOne, sizeof(ullOne));
 }
+
+void MOD_WakeModuleThread(MOD_MODULE_S *pstModule)
+{
+    if (pstModule->ulModuleID == MOD_PROC_MODULE_ID)
+        MOD_WakeProcThread();
+    else
+        sem_post(&pstModule->stWakeSem);
+}

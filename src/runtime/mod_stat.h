@@ -70,9 +70,9 @@ void MOD_StatFillModule(const MOD_MODULE_S *pstSlot, size_t ulSlot, IBP_MODULE_S
 void MOD_StatFillProc(IBP_PROC_STAT_S *pstOut);
 // The process's counters back to 0 but the gauges, for a new start.
 void MOD_StatResetProc();
-// Every counter back to 0 but the gauges; ulSentNow gives each slot's
-// ulSendMsgCount of now.
-void MOD_StatClearAll(const u32 (&aulSentNow)[MOD_MAX_MODULE_NUM]);
+// A slot's counters back to 0 but the gauges; ulSentNow is the slot's
+// ulSendMsgCount of now. Under the slot's queue lock once the pool is set up.
+void MOD_StatClearSlot(size_t ulSlot, u32 ulSentNow);
 
 // Bumps. Single writer (or writers under one lock): load and store.
 inline void MOD_StatInc(u32 *pul, u32 ulBy = 1)

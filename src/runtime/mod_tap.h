@@ -25,7 +25,8 @@ inline void MOD_Tap(const MSG_HDR_S &stHdr)
 
 // Starts or renews the lease, for ulLeaseMs from now, showing only messages
 // from or to the module ulModuleID of the process ulProcID (both 0: all).
-// False when the ring cannot be made.
+// A new lease, or another filter, starts with an empty ring. The reader's
+// (the thread that answers the monitor). False when the ring cannot be made.
 bool MOD_TapLease(u32 ulModuleID, u32 ulProcID, u32 ulLeaseMs);
 
 // Writes what the ring holds, one line per message, into pcOut of ulCap

@@ -42,7 +42,8 @@
 // thread end state, whether the runtime runs, the newest slot of each module
 // (rewritten under the pool's lock, read without it), the statistics
 // (mod_stat.h), the tap's switch, lease and ring (mod_tap.h). Semaphores that are no locks:
-// stWakeSem (one post per message queued), a slot's start and end signals,
+// stWakeSem (posted when a message lands on an empty queue, and when a failed
+// drain leaves messages behind), a slot's start and end signals,
 // and each waiting thread's own.
 //
 // LIFETIME OF A SLOT. The eight slots are static. MOD_SysInit sets up every
@@ -146,11 +147,12 @@ void MOD_DrainList(MOD_LIST_S *pstList);
 // The ordinary queue of a slot, behind its gate. Set-up makes the lock, the
 // gate closed; open lets in messages for the slot's ulModuleID; shut lets
 // nothing more in, and what is queued stays for the module's thread to
-// handle; close shuts the gate and frees what is still queued (returns how
+// handle (false, and nothing done, when the gate is not open for
+// ulModuleID: another call shut it, or the slot holds another module); close shuts the gate and frees what is still queued (returns how
 // many).
 void MOD_MsgQueueSetUp(MOD_MODULE_S *pstSlot);
 void MOD_MsgQueueOpen(MOD_MODULE_S *pstSlot);
-void MOD_MsgQueueShut(MOD_MODULE_S *pstSlot);
+bool MOD_MsgQueueShut(MOD_MODULE_S *pstSlot, u32 ulModuleID);
 u32 MOD_MsgQueueClose(MOD_MODULE_S *pstSlot);
 
 // Queues pstBuf at the slot if its queue is open for ulModuleID and, unless
@@ -300,6 +302,9 @@ void MOD_SendToSender(MOD_BUF_S *pstBuf);
 // stored; false (with a record) while a module of an earlier start is still
 // registered.
 bool MOD_InitModulePool(ISP_THR_ENTRY_PFN pfnProcThread);
+
+// The statistics of every slot back to 0 but the gauges (IBP_ClearStat).
+void MOD_ClearSlotStats();
 
 // Calls pfnVisit for each registered module, newest registration first,
 // under the pool's lock (pfnVisit takes no lock); nothing before set-up.

@@ -42,3 +42,8 @@ void MOD_TakeWakeUp();
 // runtime starts and after it stops (then it does nothing). Many calls before
 // the thread runs cost one wake-up.
 void MOD_WakeProcThread();
+
+// Wakes the thread of a module that has something new on its queue: the
+// process thread sleeps in epoll and is poked, any other waits on its
+// semaphore.
+void MOD_WakeModuleThread(MOD_MODULE_S *pstModule);

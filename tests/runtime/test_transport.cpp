@@ -293,6 +293,14 @@ TEST_F(Service, ForwardAndTimeOutsInsideTheProcess)
     EXPECT_EQ(f.ulDstModuleID, MOD_ID_ISP_CMD);
     EXPECT_EQ(cmdRec.Bodies(), std::vector<std::string>{"fwd"});
     ASSERT_EQ(MOD_UnregMsgProc(MOD_ID_ISP_CMD, 0), 0u);  // before cmdRec goes
+    // From ISP_IMG's thread to the process module, whose thread sleeps in epoll, not on its semaphore.
+    Recorder procRec;
+    ASSERT_EQ(MOD_RegMsgProc(MOD_PROC_MODULE_ID, 0x34, Recorder::Handle, &procRec), 0u);
+    rec_.ulForwardID = 0x34;
+    rec_.ulForwardTo = MOD_PROC_MODULE_ID;
+    ASSERT_EQ(MSG_SendAsyncMsg(MOD_ID_ISP_IMG, 0x34, MSG_Create("to proc", 7)), 0u);
+    ASSERT_TRUE(procRec.WaitFor(1)) << cap_.Dump();
+    ASSERT_EQ(MOD_UnregMsgProc(MOD_PROC_MODULE_ID, 0x34), 0u);
 
     // Time-outs count sleeps, not the clock. ISP_SendSyncMsg frees a request that was never queued,
     // and never one that was: that one is the runtime's (ASan sees a leak or a double free).
