@@ -1,5 +1,7 @@
 // Routing: a message whose header is filled in goes to the queue of a module
 // of this process, or to the outbound queue for the other process.
+#include <sched.h>
+
 #include "ibp/isp_module.h"
 #include "log/log_internal.h"
 #include "runtime/mod_stat.h"
@@ -17,6 +19,10 @@ namespace {
 MOD_MSG_CTRL_S *gpstRemoteQueue;
 bool gbRemoteOpen;
 bool gbRemoteInFlight;
+// Threads let through to send at once that have not finished their sendto:
+// counted up under the lock while open, so that closing can wait for them
+// before the socket goes.
+u32 gulDirectSenders;
 
 enum class MOD_REMOTE_E { kClosed, kQueued, kSendNow };
 
@@ -34,8 +40,10 @@ MOD_REMOTE_E MOD_PutRemote(MOD_BUF_S *pstBuf, bool bMayGoNow)
     MOD_SemGuard lock(&pstQueue->stLock);
     if (!gbRemoteOpen)
         return MOD_REMOTE_E::kClosed;
-    if (bMayGoNow && !gbRemoteInFlight && MOD_ListEmpty(&pstQueue->stUsedList))
+    if (bMayGoNow && !gbRemoteInFlight && MOD_ListEmpty(&pstQueue->stUsedList)) {
+        __atomic_fetch_add(&gulDirectSenders, 1u, __ATOMIC_RELAXED);
         return MOD_REMOTE_E::kSendNow;
+    }
     MOD_ListAddTail(&pstQueue->stUsedList, &pstBuf->stNode);
     return MOD_REMOTE_E::kQueued;
 }
@@ -94,6 +102,7 @@ u32 MOD_RouteRemote(MOD_MODULE_S *pstSrcModule, MOD_BUF_S *pstModBuf, const MSG_
         case MOD_REMOTE_E::kSendNow:
             MOD_Tap(stHdr);
             (void)MOD_SendNow(pstModBuf);  // the runtime's now, sent or not
+            __atomic_fetch_sub(&gulDirectSenders, 1u, __ATOMIC_RELEASE);
             return 0;
         case MOD_REMOTE_E::kQueued:
             MOD_Tap(stHdr);
@@ -123,6 +132,10 @@ void MOD_SetRemoteSendQueue(MOD_MSG_CTRL_S *pstQueue)
         MOD_SemGuard lock(&pstOld->stLock);
         gbRemoteOpen = false;
     }
+    // Whoever was let through is inside one sendto: a short wait, and the
+    // socket is not destroyed under it.
+    while (__atomic_load_n(&gulDirectSenders, __ATOMIC_ACQUIRE) != 0)
+        sched_yield();
     MOD_DrainQueue(pstOld);
 }
 

@@ -33,8 +33,10 @@
 //                         wait for acks speaking as that module, and their
 //                         fields (the ack each got, whether it failed).
 //   stMsgProcCtrl.stLock  a slot's handler entries.
-//   stSendMsgCtrl.stLock  the outbound queue, whether it is open, and whether the
-//                         process thread holds messages of it that are not sent yet.
+//   stSendMsgCtrl.stLock  the outbound queue, whether it is open, whether the
+//                         process thread holds messages of it that are not sent
+//                         yet, and the count of threads let through to send at
+//                         once (closing waits for it to fall to 0).
 //   wake lock             the process thread's wake descriptor, against its close.
 //   rate lock             the counters of the rate limits.
 // Without a lock, as atomics: bRun, a slot's counters (ulAssMsgID,
