@@ -194,7 +194,7 @@ IBP_API u32 MOD_RecvMsgProc(MOD_MODULE_S *pstModule)
                 const bool bRest = !MOD_ListEmpty(&stBatch);
                 MOD_MsgQueuePutBack(pstModule, &stBatch);
                 if (bRest)
-                    MOD_WakeModuleThread(pstModule);
+                    MOD_WakeModuleThread(pstModule, pstModule->ulModuleID);  // its own slot
                 return 1;
             }
             if (pstStat == nullptr)

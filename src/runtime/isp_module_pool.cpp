@@ -168,7 +168,7 @@ bool MOD_StopThread(MOD_MODULE_S *pstModule)
 {
     if (__atomic_exchange_n(&pstModule->bRun, 0u, __ATOMIC_ACQ_REL) == 0)
         return false;
-    MOD_WakeModuleThread(pstModule);
+    MOD_WakeModuleThread(pstModule, pstModule->ulModuleID);
     return true;
 }
 

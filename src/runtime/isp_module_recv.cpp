@@ -331,7 +331,7 @@ MOD_PARSE_E MOD_DeliverParsed(MOD_MODULE_S *pstModule, const MSG_HDR_S &stHdr, M
         }
         MOD_Tap(stHdr);
         if (enPut == MOD_PUT_E::kFirst)
-            MOD_WakeModuleThread(pstModule);
+            MOD_WakeModuleThread(pstModule, stHdr.ulDstModuleID);
         return MOD_PARSE_E::kDone;
     }
     if (!MOD_AckFromItsProcess(stHdr, pstAddr)) {

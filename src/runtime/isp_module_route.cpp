@@ -86,7 +86,7 @@ u32 MOD_RouteLocal(MOD_MODULE_S *pstSrcModule, MOD_BUF_S *pstModBuf, const MSG_H
         return 1;
     }
     if (enPut == MOD_PUT_E::kFirst)
-        MOD_WakeModuleThread(pstDstModule);  // behind others, a wake-up is on its way
+        MOD_WakeModuleThread(pstDstModule, stHdr.ulDstModuleID);  // behind others, a wake-up is on its way
     return 0;
 }
 

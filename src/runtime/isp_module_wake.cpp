@@ -82,9 +82,9 @@ void MOD_WakeProcThread()
         (void)!write(lFd, &ullOne, sizeof(ullOne));
 }
 
-void MOD_WakeModuleThread(MOD_MODULE_S *pstModule)
+void MOD_WakeModuleThread(MOD_MODULE_S *pstModule, u32 ulModuleID)
 {
-    if (pstModule->ulModuleID == MOD_PROC_MODULE_ID)
+    if (ulModuleID == MOD_PROC_MODULE_ID)
         MOD_WakeProcThread();
     else
         sem_post(&pstModule->stWakeSem);

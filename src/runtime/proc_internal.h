@@ -45,5 +45,6 @@ void MOD_WakeProcThread();
 
 // Wakes the thread of a module that has something new on its queue: the
 // process thread sleeps in epoll and is poked, any other waits on its
-// semaphore.
-void MOD_WakeModuleThread(MOD_MODULE_S *pstModule);
+// semaphore. ulModuleID is the module the queue took the message for: a
+// sender's slot may be filled again meanwhile, so its fields are not read.
+void MOD_WakeModuleThread(MOD_MODULE_S *pstModule, u32 ulModuleID);
