@@ -125,18 +125,21 @@ void LOG_RotateFile(u32 ulModule)
 #pragma GCC diagnostic ignored "-Wformat-security"
 
 // Expands the record into pcBuf, or into a heap block when it is longer;
-// returns the text (nullptr when the heap is out) and its length in *pulLen.
-// The caller frees the text when it is not pcBuf.
+// returns the text and its length in *pulLen, or nullptr with errno set when
+// the heap is out or an argument does not convert (a wide character with no
+// multibyte form). The caller frees the text when it is not pcBuf.
 char *LOG_ExpandRecord(char *pcBuf, size_t ulBufLen, size_t *pulLen, const char *pcComposite, va_list args)
 {
     va_list again;
     va_copy(again, args);
     int lLen = vsnprintf(pcBuf, ulBufLen, pcComposite, args);
-    char *pcText = pcBuf;
+    char *pcText = lLen < 0 ? nullptr : pcBuf;
     if (lLen >= 0 && static_cast<size_t>(lLen) >= ulBufLen) {
         pcText = static_cast<char *>(malloc(static_cast<size_t>(lLen) + 1));
         if (pcText != nullptr)
             (void)vsnprintf(pcText, static_cast<size_t>(lLen) + 1, pcComposite, again);
+        else
+            errno = ENOMEM;
     }
     va_end(again);
     *pulLen = lLen < 0 ? 0 : static_cast<size_t>(lLen);
@@ -179,7 +182,6 @@ void LOG_WriteFile(u32 ulModule, const char *pcComposite, va_list args)
     char acBuf[2 * kRecordMax];
     size_t ulLen = 0;
     char *pcText = LOG_ExpandRecord(acBuf, sizeof(acBuf), &ulLen, pcComposite, args);
-    errno = ENOMEM;
     bool bWritten = pcText != nullptr && LOG_WriteWhole(fd, pcText, ulLen);
     int err = errno;
     if (pcText != acBuf)
