@@ -149,7 +149,11 @@ char *LOG_ExpandRecord(char *pcBuf, size_t ulBufLen, size_t *pulLen, const char 
 // The record in one write. Whatever part of it a short write left (the file
 // system is full) is cut off again: with O_APPEND the offset after the write
 // is the end of what it wrote, so the record began that many bytes before.
-// A file holds whole records or none. False with errno set when it is lost.
+// Only while that is still the file's end, though: a file that has grown past
+// it holds another writer's record (or fragment) behind ours, which the cut
+// would erase or, were that one cut first, pad with zeros; our fragment then
+// stays. A writer appending between the look and the cut is the gap left.
+// False with errno set when the record is lost.
 bool LOG_WriteWhole(int fd, const char *pcText, size_t ulLen)
 {
     ssize_t lDone;
@@ -161,7 +165,8 @@ bool LOG_WriteWhole(int fd, const char *pcText, size_t ulLen)
     if (lDone < 0)
         return false;
     off_t lEnd = lseek(fd, 0, SEEK_CUR);
-    if (lEnd >= lDone)
+    struct stat stInfo;
+    if (lDone > 0 && lEnd >= lDone && fstat(fd, &stInfo) == 0 && stInfo.st_size == lEnd)
         (void)ftruncate(fd, lEnd - lDone);
     errno = ENOSPC;  // a regular file takes less than asked only when it has no room
     return false;
