@@ -4,10 +4,12 @@
 // and its own descriptor (a heap block only for a record longer than 2 KiB),
 // so any thread may log at any time.
 // gstLogObj and the module table are read without a lock and written with
-// single word stores. The one lock is per log file, round the rotation steps.
+// single word stores. The one lock is per log file, round the rotation steps,
+// with a lock on the file itself there against other processes.
 #include <fcntl.h>
 #include <pthread.h>
 #include <unistd.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 
@@ -102,21 +104,28 @@ void LOG_NoteWritten(u32 ulModule)
         printf("write log file %s again, %u records lost\n", g_astLogModule[ulModule].pcFile, ulRun);
 }
 
-// Moves pcFile to pcBackupFile. The size is looked at again under the file's
-// guard: a writer that raced another over the limit finds the file already
-// rotated and leaves the generation just saved alone.
-void LOG_RotateFile(u32 ulModule)
+// Moves pcFile to pcBackupFile; fd is the writer's descriptor of the file its
+// record went to. Writers that raced over the limit take turns: threads of
+// this process at the file's guard, other processes (the debug tool logs to
+// the same files) at a lock on the file itself. Each turn rotates only while
+// the path still names that file and it is still over the limit: a later
+// turn finds the file already rotated and leaves the generation just saved alone.
+void LOG_RotateFile(u32 ulModule, int fd)
 {
     const LOG_MODULE_S &stRow = g_astLogModule[ulModule];
     pthread_mutex_t *pstLock = LOG_RotateLockOf(ulModule);
     pthread_mutex_lock(pstLock);
-    struct stat stInfo;
+    while (flock(fd, LOCK_EX) != 0 && errno == EINTR) {
+    }
+    struct stat stPath, stOurs;
     u32 ulMaxSize = LoadRelaxed(stRow.ulMaxSize);
-    if (stat(stRow.pcFile, &stInfo) == 0 && ulMaxSize != 0 &&
-        static_cast<unsigned long long>(stInfo.st_size) > ulMaxSize) {
+    if (stat(stRow.pcFile, &stPath) == 0 && fstat(fd, &stOurs) == 0 && stPath.st_ino == stOurs.st_ino &&
+        stPath.st_dev == stOurs.st_dev && ulMaxSize != 0 &&
+        static_cast<unsigned long long>(stPath.st_size) > ulMaxSize) {
         (void)unlink(stRow.pcBackupFile);
         (void)rename(stRow.pcFile, stRow.pcBackupFile);
     }
+    (void)flock(fd, LOCK_UN);  // not left to close: a child forked meanwhile shares the lock
     pthread_mutex_unlock(pstLock);
 }
 
@@ -194,19 +203,21 @@ void LOG_WriteFile(u32 ulModule, const char *pcComposite, va_list args)
     off_t lPos = bWritten ? lseek(fd, 0, SEEK_CUR) : 0;
     if (lPos < 0)
         err = errno;
-    close(fd);
     if (!bWritten) {
+        close(fd);
         LOG_NoteLost(ulModule, err);
         return;
     }
     LOG_NoteWritten(ulModule);
     if (lPos < 0) {
+        close(fd);
         printf("ftell failed! errno=%d %s\n", err, strerror(err));
         return;
     }
     u32 ulMaxSize = LoadRelaxed(stRow.ulMaxSize);
     if (ulMaxSize != 0 && static_cast<unsigned long long>(lPos) > ulMaxSize)
-        LOG_RotateFile(ulModule);
+        LOG_RotateFile(ulModule, fd);
+    close(fd);
 }
 
 // Writes the expanded head and the caller's format, still unexpanded, into
