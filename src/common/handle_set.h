@@ -76,21 +76,24 @@ public:
         return true;
     }
 
-    void Remove(const void *pHandle)
+    // True when this call took pHandle out: of two calls racing to remove one
+    // handle, only one is told so, and only that one may free the object.
+    bool Remove(const void *pHandle)
     {
         const uintptr_t ulKey = reinterpret_cast<uintptr_t>(pHandle);
         MutexGuard stGuard(&stLock_);
         u32 ulSlot = SlotOf(ulKey);
         for (u32 i = 0; i < kSlots; ++i, ulSlot = (ulSlot + 1) & kMask) {
             if (aulSlot_[ulSlot] == kEmpty)
-                return;
+                return false;
             if (aulSlot_[ulSlot] != ulKey)
                 continue;
             __atomic_store_n(&aulSlot_[ulSlot], kGone, __ATOMIC_RELAXED);
             if (--ulLive_ == 0)
                 ClearTombstones();
-            return;
+            return true;
         }
+        return false;
     }
 
 private:

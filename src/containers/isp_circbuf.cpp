@@ -230,8 +230,9 @@ IBP_API CBUF_HANDLE CBUF_Init(const CBUF_INIT_S *pstInit)
 IBP_API void CBUF_Destroy(CBUF_HANDLE hCBuf)
 {
     HANDLE_REFUSE_IF(CBufRefusal(hCBuf), );
+    // Of two threads destroying one buffer, the one that did not take it out is refused.
+    HANDLE_REFUSE_IF(gstLiveCBufs.Remove(hCBuf) ? nullptr : kBadHandle, );
     // Elements still held are not offered to the read callback.
-    gstLiveCBufs.Remove(hCBuf);
     MOD_ListDel(&hCBuf->stNode);
     CBufRelease(hCBuf);
 }

@@ -4,10 +4,12 @@
 // and its own descriptor (a heap block only for a record longer than 2 KiB),
 // so any thread may log at any time.
 // gstLogObj and the module table are read without a lock and written with
-// single word stores. The one lock is per log file, round the rotation steps.
+// single word stores. The one lock is per log file, round the rotation steps,
+// with a lock on the file itself there against other processes.
 #include <fcntl.h>
 #include <pthread.h>
 #include <unistd.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 
@@ -102,21 +104,28 @@ void LOG_NoteWritten(u32 ulModule)
         printf("write log file %s again, %u records lost\n", g_astLogModule[ulModule].pcFile, ulRun);
 }
 
-// Moves pcFile to pcBackupFile. The size is looked at again under the file's
-// guard: a writer that raced another over the limit finds the file already
-// rotated and leaves the generation just saved alone.
-void LOG_RotateFile(u32 ulModule)
+// Moves pcFile to pcBackupFile; fd is the writer's descriptor of the file its
+// record went to. Writers that raced over the limit take turns: threads of
+// this process at the file's guard, other processes (the debug tool logs to
+// the same files) at a lock on the file itself. Each turn rotates only while
+// the path still names that file and it is still over the limit: a later
+// turn finds the file already rotated and leaves the generation just saved alone.
+void LOG_RotateFile(u32 ulModule, int fd)
 {
     const LOG_MODULE_S &stRow = g_astLogModule[ulModule];
     pthread_mutex_t *pstLock = LOG_RotateLockOf(ulModule);
     pthread_mutex_lock(pstLock);
-    struct stat stInfo;
+    while (flock(fd, LOCK_EX) != 0 && errno == EINTR) {
+    }
+    struct stat stPath, stOurs;
     u32 ulMaxSize = LoadRelaxed(stRow.ulMaxSize);
-    if (stat(stRow.pcFile, &stInfo) == 0 && ulMaxSize != 0 &&
-        static_cast<unsigned long long>(stInfo.st_size) > ulMaxSize) {
+    if (stat(stRow.pcFile, &stPath) == 0 && fstat(fd, &stOurs) == 0 && stPath.st_ino == stOurs.st_ino &&
+        stPath.st_dev == stOurs.st_dev && ulMaxSize != 0 &&
+        static_cast<unsigned long long>(stPath.st_size) > ulMaxSize) {
         (void)unlink(stRow.pcBackupFile);
         (void)rename(stRow.pcFile, stRow.pcBackupFile);
     }
+    (void)flock(fd, LOCK_UN);  // not left to close: a child forked meanwhile shares the lock
     pthread_mutex_unlock(pstLock);
 }
 
@@ -125,18 +134,21 @@ void LOG_RotateFile(u32 ulModule)
 #pragma GCC diagnostic ignored "-Wformat-security"
 
 // Expands the record into pcBuf, or into a heap block when it is longer;
-// returns the text (nullptr when the heap is out) and its length in *pulLen.
-// The caller frees the text when it is not pcBuf.
+// returns the text and its length in *pulLen, or nullptr with errno set when
+// the heap is out or an argument does not convert (a wide character with no
+// multibyte form). The caller frees the text when it is not pcBuf.
 char *LOG_ExpandRecord(char *pcBuf, size_t ulBufLen, size_t *pulLen, const char *pcComposite, va_list args)
 {
     va_list again;
     va_copy(again, args);
     int lLen = vsnprintf(pcBuf, ulBufLen, pcComposite, args);
-    char *pcText = pcBuf;
+    char *pcText = lLen < 0 ? nullptr : pcBuf;
     if (lLen >= 0 && static_cast<size_t>(lLen) >= ulBufLen) {
         pcText = static_cast<char *>(malloc(static_cast<size_t>(lLen) + 1));
         if (pcText != nullptr)
             (void)vsnprintf(pcText, static_cast<size_t>(lLen) + 1, pcComposite, again);
+        else
+            errno = ENOMEM;
     }
     va_end(again);
     *pulLen = lLen < 0 ? 0 : static_cast<size_t>(lLen);
@@ -146,7 +158,11 @@ char *LOG_ExpandRecord(char *pcBuf, size_t ulBufLen, size_t *pulLen, const char 
 // The record in one write. Whatever part of it a short write left (the file
 // system is full) is cut off again: with O_APPEND the offset after the write
 // is the end of what it wrote, so the record began that many bytes before.
-// A file holds whole records or none. False with errno set when it is lost.
+// Only while that is still the file's end, though: a file that has grown past
+// it holds another writer's record (or fragment) behind ours, which the cut
+// would erase or, were that one cut first, pad with zeros; our fragment then
+// stays. A writer appending between the look and the cut is the gap left.
+// False with errno set when the record is lost.
 bool LOG_WriteWhole(int fd, const char *pcText, size_t ulLen)
 {
     ssize_t lDone;
@@ -158,7 +174,8 @@ bool LOG_WriteWhole(int fd, const char *pcText, size_t ulLen)
     if (lDone < 0)
         return false;
     off_t lEnd = lseek(fd, 0, SEEK_CUR);
-    if (lEnd >= lDone)
+    struct stat stInfo;
+    if (lDone > 0 && lEnd >= lDone && fstat(fd, &stInfo) == 0 && stInfo.st_size == lEnd)
         (void)ftruncate(fd, lEnd - lDone);
     errno = ENOSPC;  // a regular file takes less than asked only when it has no room
     return false;
@@ -179,7 +196,6 @@ void LOG_WriteFile(u32 ulModule, const char *pcComposite, va_list args)
     char acBuf[2 * kRecordMax];
     size_t ulLen = 0;
     char *pcText = LOG_ExpandRecord(acBuf, sizeof(acBuf), &ulLen, pcComposite, args);
-    errno = ENOMEM;
     bool bWritten = pcText != nullptr && LOG_WriteWhole(fd, pcText, ulLen);
     int err = errno;
     if (pcText != acBuf)
@@ -187,19 +203,21 @@ void LOG_WriteFile(u32 ulModule, const char *pcComposite, va_list args)
     off_t lPos = bWritten ? lseek(fd, 0, SEEK_CUR) : 0;
     if (lPos < 0)
         err = errno;
-    close(fd);
     if (!bWritten) {
+        close(fd);
         LOG_NoteLost(ulModule, err);
         return;
     }
     LOG_NoteWritten(ulModule);
     if (lPos < 0) {
+        close(fd);
         printf("ftell failed! errno=%d %s\n", err, strerror(err));
         return;
     }
     u32 ulMaxSize = LoadRelaxed(stRow.ulMaxSize);
     if (ulMaxSize != 0 && static_cast<unsigned long long>(lPos) > ulMaxSize)
-        LOG_RotateFile(ulModule);
+        LOG_RotateFile(ulModule, fd);
+    close(fd);
 }
 
 // Writes the expanded head and the caller's format, still unexpanded, into

@@ -81,7 +81,7 @@ SKT_SOCKET_CB_S *SKT_CreateSocket(const SKT_SOCK_INFO_S *pstSockInfo, u32 ulProt
         IBP_ERR("calloc %zd fail", sizeof(SKT_SOCKET_CB_S));
         return nullptr;
     }
-    gstDeadSockets.Remove(pstSocketCB);  // the heap gave the address again
+    (void)gstDeadSockets.Remove(pstSocketCB);  // the heap gave the address again
     if (!gstLiveSockets.Add(pstSocketCB)) {
         IBP_ERR("too many sockets! max=%u", gstLiveSockets.kMaxLive);
         ISP_free(&pstSocketCB);
@@ -152,7 +152,8 @@ void SKT_DestroySocket(SKT_SOCKET_CB_S **ppstSocketCB)
     HANDLE_REFUSE_IF(gstLiveSockets.Refusal(ppstSocketCB == nullptr ? nullptr : *ppstSocketCB,
                                             "*ppstSocketCB is NULL", "*ppstSocketCB is invalid"), );
     SKT_SOCKET_CB_S *pstSocketCB = *ppstSocketCB;
-    gstLiveSockets.Remove(pstSocketCB);
+    // Of two threads destroying one block, the one that did not take it out is refused.
+    HANDLE_REFUSE_IF(gstLiveSockets.Remove(pstSocketCB) ? nullptr : "*ppstSocketCB is invalid", );
     (void)gstDeadSockets.Add(pstSocketCB);  // a full set forgets it: best effort
     MOD_ListDel(&pstSocketCB->stNode);
     for (s32 *plFd : {&pstSocketCB->lSocket, &pstSocketCB->lListenSocket}) {

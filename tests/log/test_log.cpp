@@ -188,6 +188,11 @@ TEST_F(LogFiles, UnwritableDirectoryAndRestart)
     for (const char *p : g_apcOldLogFile)
         EXPECT_EQ(FileSize(p), -1) << p;
     EXPECT_GT(FileSize(kFd0), 0);
+    // A record whose argument does not convert is lost as one the file refuses.
+    const std::string lost = Stdout([] { LOG_Pirnt(LOG_MODULE_FD, 3, "t", "fn", 1, "%ls", L"\xd800"); Rec(); });
+    EXPECT_EQ(lost, "write log file /var/log/ISP_FD00.log failed! errno=84 " + std::string(strerror(EILSEQ)) +
+                        ", records are lost until it takes them again\n"
+                        "write log file /var/log/ISP_FD00.log again, 1 records lost\n");
 }
 
 // A record on a full file system is whole or absent; the loss is told once, and once more with its count
