@@ -280,10 +280,11 @@ TEST(DebugTool, LinesWithoutATerminalAndTheirExitStatus)
     EXPECT_EQ(stNone.sOut + stNone.sErr, Data("no_answer.txt"));
     Service isp;
     ASSERT_TRUE(isp.Ready());
-    for (const auto &row : Rows("debug/data/dt_lines.txt")) {  // arguments, exit status, standard output
+    for (const auto &row : Rows("debug/data/dt_lines.txt")) {  // arguments, exit status, the two streams
         const DtRun r = RunDt(Split(row[0], ';'));
         EXPECT_EQ(r.lStatus, std::stoi(row[1])) << row[0] << r.sErr;
         EXPECT_EQ(r.sOut, row[2]) << row[0];
+        EXPECT_EQ(r.sErr, row[3]) << row[0];
     }
 }
 
