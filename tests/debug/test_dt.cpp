@@ -163,10 +163,10 @@ void Answer(Played *pPlay)
 }
 
 // Runs ibp-dt with vecArgs on a pseudo-terminal whose erase character is
-// 0x7F, types `sKeys` once its prompt shows, then hangs up if asked to. With
-// a script the test plays the service.
+// 0x7F, types `sKeys` once its prompt shows, then hangs up or sends lSignal if
+// asked to. With a script the test plays the service.
 Session Type(const std::string &sKeys, const std::vector<std::string> &vecArgs = {}, Played *pPlay = nullptr,
-             bool bHangUp = false)
+             bool bHangUp = false, int lSignal = 0)
 {
     Session s;
     int lMaster = -1, lSlave = -1, ex[2];
@@ -197,6 +197,8 @@ Session Type(const std::string &sKeys, const std::vector<std::string> &vecArgs =
             EXPECT_EQ(write(lMaster, sKeys.data(), sKeys.size()), ssize_t(sKeys.size()));
             if (bHangUp)
                 close(lMaster), lMaster = p[1].fd = -1;
+            if (lSignal != 0)
+                kill(pid, lSignal);
         }
         if ((p[2].revents & POLLIN) != 0)
             Answer(pPlay);
@@ -269,6 +271,10 @@ TEST(DebugTool, TranscriptsInAPseudoTerminal)
     PlayTranscripts(false);
     // A terminal that goes away ends the tool as "q" does, without spinning.
     EXPECT_EQ(Type("isp bp", {}, nullptr, true).lStatus, 0);
+    // A signal that ends it puts the terminal back all the same.
+    const Session stKilled = Type("isp bp", {}, nullptr, false, SIGTERM);
+    EXPECT_EQ(stKilled.lStatus, 128 + SIGTERM);
+    EXPECT_TRUE(stKilled.bRestored);
 }
 
 TEST(DebugTool, LinesWithoutATerminalAndTheirExitStatus)
