@@ -349,4 +349,13 @@ TEST(Programs, PingSaysWhatFailsWhileItFailsAndGivesItsFiguresOnSigterm)
     EXPECT_EQ(Wait(ping.pid), 1);
     const std::string sAll = ReadAll(ping.lMaster, ping.sOut);
     EXPECT_EQ(fnmatch(want[2].c_str(), sAll.c_str(), 0), 0) << sAll;
+    // Stopped while its first record waits: nothing answered is a failure, and a second signal ends the wait.
+    OnPty lone({"IBP_PING", "-t;600000", "no answer yet"}, -1);
+    while (!lone.Runs() && !lone.bEnded)
+        lone.Read();
+    kill(lone.pid, SIGINT);
+    for (lone.row[2] = "answered"; !lone.Runs() && !lone.bEnded;)  // the figures are out
+        lone.Read();
+    kill(lone.pid, SIGINT);
+    EXPECT_EQ(Wait(lone.pid), 1);
 }
