@@ -148,7 +148,7 @@ int main(int argc, char **argv)
         return EXIT_NOT_STARTED;
     }
     if (stOpt.bMonitor)
-        return DT_Monitor(kInfo, stOpt.pcModule, stOpt.ulCount);
+        return AppFlushed(kInfo, DT_Monitor(kInfo, stOpt.pcModule, stOpt.ulCount));
     // Without a service the tool still starts: the first line says so, and
     // fetches the tree once the service answers.
     if (!AppClaimPort(kInfo, kAppRowDt) || !AppStartLibrary(kInfo, 1, &stOpt.stLog, LOG_LEVEL_INF))
@@ -159,8 +159,10 @@ int main(int argc, char **argv)
     if (stOpt.vecLines.empty())
         DT_GuardTerminal();
     int lStatus = 0;
+    // Answers that were lost fail a run of lines; a terminal that hangs up
+    // ends the interactive tool as "q" does.
     if (!stOpt.vecLines.empty())
-        lStatus = DT_RunLines(stOpt.vecLines);
+        lStatus = AppFlushed(kInfo, DT_RunLines(stOpt.vecLines));
     else if (ISP_CLI_Init() != 0) {
         AppError(kInfo, "no memory for the command tree; close other programs and start again");
         lStatus = EXIT_NOT_STARTED;

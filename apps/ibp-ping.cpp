@@ -246,12 +246,12 @@ int main(int argc, char **argv)
     // second SIGINT or SIGTERM ends that wait at once, with the same status.
     int lNext = SIGUSR1;
     if (lSig != 0 && sigwait(&stSignals, &lNext) == 0 && lNext != SIGUSR1)
-        _exit(bFailed ? 1 : 0);
+        _exit(AppFlushed(kInfo, bFailed ? 1 : 0));
     sender.join();
 
     if (ulModuleID != 0)
         MOD_UnregModule(ulModuleID);
     MOD_SysDestroy();
     IBP_Destroy();
-    return bFailed ? 1 : 0;
+    return AppFlushed(kInfo, bFailed ? 1 : 0);
 }
