@@ -108,6 +108,19 @@ inline void AppError(const AppInfo &stInfo, const char *pcFormat, ...)
     va_end(args);
 }
 
+// The status to exit with once standard output is flushed: output that was
+// lost (a full disk, a closed pipe) fails the run, as in coreutils, with
+// one line that says so.
+inline int AppFlushed(const AppInfo &stInfo, int lStatus)
+{
+    errno = 0;
+    if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0)
+        return lStatus;
+    const int lErr = errno;
+    AppError(stInfo, "write error%s%s", lErr != 0 ? ": " : "", lErr != 0 ? std::strerror(lErr) : "");
+    return lStatus != 0 ? lStatus : 1;
+}
+
 // A command line that the program does not accept: one line naming the
 // offending word and, if given, what it may be, with the hint to --help.
 // Returns the exit status.
@@ -223,11 +236,11 @@ int AppParseOptions(int argc, char **argv, const AppInfo &stInfo, AppLogChoice *
         const char *pcWord = argv[optind > lPrev ? optind - 1 : lPrev];
         if (lKey == kAppKeyHelp) {
             AppPrintUsage(stInfo);
-            return 0;
+            return AppFlushed(stInfo, 0);
         }
         if (lKey == kAppKeyVersion) {
             std::printf("%s %s\n", stInfo.pcName, IBP_VERSION_STRING);
-            return 0;
+            return AppFlushed(stInfo, 0);
         }
         if (lKey == '?') {
             if (optopt != 0 && optopt < 0x80 && std::strncmp(pcWord, "--", 2) != 0)

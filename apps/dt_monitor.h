@@ -28,6 +28,10 @@ constexpr long kDtMonitorIdleMs = 100;
 constexpr u32 kDtMonitorWaitMs = 2000;
 
 inline volatile sig_atomic_t gbDtMonitorStop = 0;
+// The signal mask of the waits: SIGINT and SIGTERM are blocked elsewhere,
+// so that none lands between the look at the stop flag and a wait, which
+// would then run its whole length.
+inline sigset_t gstDtMonitorWaitMask;
 
 inline void DT_MonitorStop(int) { gbDtMonitorStop = 1; }
 
@@ -70,8 +74,8 @@ public:
     bool Open() const { return lFd_ >= 0; }
 
     // One request: the answer's text in *psAnswer, or false when the service
-    // did not answer within the wait. Only an ack from the service's own
-    // address and port, for this request, counts.
+    // did not answer within the wait, or a signal stopped the wait. Only an
+    // ack from the service's own address and port, for this request, counts.
     bool Ask(const char *pcModule, std::string *psAnswer)
     {
         const u32 ulBody = static_cast<u32>(std::strlen(pcModule) + 1);
@@ -85,10 +89,12 @@ public:
             return false;
         struct timespec stStart {};
         clock_gettime(CLOCK_MONOTONIC, &stStart);
-        for (long lLeft = kDtMonitorWaitMs; lLeft > 0; lLeft = kDtMonitorWaitMs - DT_MsSince(stStart)) {
+        for (long lLeft = kDtMonitorWaitMs; lLeft > 0 && gbDtMonitorStop == 0;
+             lLeft = kDtMonitorWaitMs - DT_MsSince(stStart)) {
             struct pollfd stPoll = {lFd_, POLLIN, 0};
-            if (poll(&stPoll, 1, static_cast<int>(lLeft)) <= 0)
-                continue;  // an interrupted wait looks again
+            const struct timespec stLeft = {lLeft / 1000, lLeft % 1000 * 1000000L};
+            if (ppoll(&stPoll, 1, &stLeft, &gstDtMonitorWaitMask) <= 0)
+                continue;  // an interrupted wait looks again, unless it is to stop
             if (Take(psAnswer))
                 return true;
         }
@@ -158,9 +164,14 @@ inline bool DT_MonitorPrint(const std::string &sAnswer, u32 *pulLeft, bool *pbAn
 inline int DT_Monitor(const AppInfo &stInfo, const char *pcModule, u32 ulCount)
 {
     struct sigaction stAct {};
-    stAct.sa_handler = DT_MonitorStop;  // no SA_RESTART: a pause ends at once
+    stAct.sa_handler = DT_MonitorStop;
     sigaction(SIGINT, &stAct, nullptr);
     sigaction(SIGTERM, &stAct, nullptr);
+    sigset_t stStop;
+    sigemptyset(&stStop);
+    sigaddset(&stStop, SIGINT);
+    sigaddset(&stStop, SIGTERM);
+    sigprocmask(SIG_BLOCK, &stStop, &gstDtMonitorWaitMask);
     const MOD_PROC_CFG_S &stIsp = gastProcCfgInfo[0];
     DT_MonitorLink stLink;
     if (!stLink.Open()) {
@@ -172,6 +183,8 @@ inline int DT_Monitor(const AppInfo &stInfo, const char *pcModule, u32 ulCount)
     while (gbDtMonitorStop == 0) {
         std::string sAnswer;
         if (!stLink.Ask(pcModule, &sAnswer)) {
+            if (gbDtMonitorStop != 0)
+                break;
             AppError(stInfo, "ibp-isp on %s:%u stopped answering the monitor within %u ms; start it again and rerun "
                      "ibp-dt --monitor", stIsp.szSocketAddr, static_cast<unsigned>(stIsp.usSocketPort),
                      kDtMonitorWaitMs);
@@ -187,7 +200,7 @@ inline int DT_Monitor(const AppInfo &stInfo, const char *pcModule, u32 ulCount)
             return 0;
         if (!bAny) {
             const struct timespec stPause = {0, kDtMonitorIdleMs * 1000000L};
-            nanosleep(&stPause, nullptr);
+            ppoll(nullptr, 0, &stPause, &gstDtMonitorWaitMask);
         }
     }
     return 0;

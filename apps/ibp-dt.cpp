@@ -9,6 +9,9 @@
 // Incomplete or was answered "operate fail", or 2 when the service did not
 // answer (the lines behind it are not tried). 1 as well when the tool could
 // not start, and 2 for a bad command line.
+#include <fcntl.h>
+#include <signal.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -82,6 +85,35 @@ int DT_RunLines(const std::vector<const char *> &vecLines)
     return lStatus;
 }
 
+// The terminal and the flags of standard input as they were before the
+// editor made them raw, for a signal that ends the tool while it runs.
+struct termios gstDtTerm;
+int glDtInFlags = -1;
+
+// Async-signal-safe calls only: the terminal put back, then the default
+// action of the signal (SA_RESETHAND), so that the tool dies of it as before.
+void DT_RestoreAndDie(int lSig)
+{
+    (void)tcsetattr(STDIN_FILENO, TCSANOW, &gstDtTerm);
+    (void)fcntl(STDIN_FILENO, F_SETFL, glDtInFlags);
+    (void)raise(lSig);
+}
+
+// The editor puts the terminal back only when it returns; these signals end
+// the tool without that. Ctrl-C stays a key in raw mode, and a SIGINT sent
+// from elsewhere is taken as the others are.
+void DT_GuardTerminal()
+{
+    glDtInFlags = fcntl(STDIN_FILENO, F_GETFL);
+    if (glDtInFlags == -1 || tcgetattr(STDIN_FILENO, &gstDtTerm) != 0)
+        return;
+    struct sigaction stAct {};
+    stAct.sa_handler = DT_RestoreAndDie;
+    stAct.sa_flags = SA_RESETHAND;
+    for (int lSig : {SIGTERM, SIGHUP, SIGQUIT, SIGPIPE, SIGINT})
+        sigaction(lSig, &stAct, nullptr);
+}
+
 }  // namespace
 
 int main(int argc, char **argv)
@@ -116,7 +148,7 @@ int main(int argc, char **argv)
         return EXIT_NOT_STARTED;
     }
     if (stOpt.bMonitor)
-        return DT_Monitor(kInfo, stOpt.pcModule, stOpt.ulCount);
+        return AppFlushed(kInfo, DT_Monitor(kInfo, stOpt.pcModule, stOpt.ulCount));
     // Without a service the tool still starts: the first line says so, and
     // fetches the tree once the service answers.
     if (!AppClaimPort(kInfo, kAppRowDt) || !AppStartLibrary(kInfo, 1, &stOpt.stLog, LOG_LEVEL_INF))
@@ -124,9 +156,13 @@ int main(int argc, char **argv)
     // No "DT_CLI" module: the requests go out from this thread, which speaks
     // as the process module of "DT", and nothing is ever sent to the tool.
     ISP_CLI_ToolOn(stOpt.bBareKeys ? 0 : 1);
+    if (stOpt.vecLines.empty())
+        DT_GuardTerminal();
     int lStatus = 0;
+    // Answers that were lost fail a run of lines; a terminal that hangs up
+    // ends the interactive tool as "q" does.
     if (!stOpt.vecLines.empty())
-        lStatus = DT_RunLines(stOpt.vecLines);
+        lStatus = AppFlushed(kInfo, DT_RunLines(stOpt.vecLines));
     else if (ISP_CLI_Init() != 0) {
         AppError(kInfo, "no memory for the command tree; close other programs and start again");
         lStatus = EXIT_NOT_STARTED;

@@ -122,5 +122,5 @@ int main(int argc, char **argv)
     IBP_Destroy();
     std::printf("ibp-isp: stopped by signal %d after %u sync and %u async records\n", lSig,
                 __atomic_load_n(&gulSyncCount, __ATOMIC_RELAXED), __atomic_load_n(&gulAsyncCount, __ATOMIC_RELAXED));
-    return 0;
+    return AppFlushed(kInfo, 0);
 }

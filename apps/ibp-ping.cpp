@@ -13,6 +13,7 @@
 #include <pthread.h>
 #include <signal.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -190,7 +191,8 @@ int Supervise(const Options &stOpt, PingState *pst, const sigset_t &stSignals)
     }
 }
 
-// The figures so far on standard output; whether any record failed.
+// The figures so far on standard output; whether any record failed, or none
+// was answered (a run stopped while the first waits: no service is known).
 bool Summarise(const Options &stOpt, PingState *pst, int lSig)
 {
     std::lock_guard<std::mutex> lock(pst->mutex);
@@ -207,7 +209,7 @@ bool Summarise(const Options &stOpt, PingState *pst, int lSig)
                      stOpt.ulCount, pst->bBusy ? "; the one in flight is not counted" : "");
     PrintTimes(pst->times, pst->ulFailures);
     std::fflush(stdout);
-    return pst->ulFailures != 0;
+    return pst->ulFailures != 0 || pst->times.empty();
 }
 
 }  // namespace
@@ -240,11 +242,16 @@ int main(int argc, char **argv)
     std::thread sender(SendAll, std::cref(stOpt), &stState, pthread_self());
     const int lSig = Supervise(stOpt, &stState, stSignals);
     const bool bFailed = Summarise(stOpt, &stState, lSig);
-    sender.join();  // after the figures: a record in flight may wait for its time-out
+    // After the figures a record in flight may wait for its time-out; a
+    // second SIGINT or SIGTERM ends that wait at once, with the same status.
+    int lNext = SIGUSR1;
+    if (lSig != 0 && sigwait(&stSignals, &lNext) == 0 && lNext != SIGUSR1)
+        _exit(AppFlushed(kInfo, bFailed ? 1 : 0));
+    sender.join();
 
     if (ulModuleID != 0)
         MOD_UnregModule(ulModuleID);
     MOD_SysDestroy();
     IBP_Destroy();
-    return bFailed ? 1 : 0;
+    return AppFlushed(kInfo, bFailed ? 1 : 0);
 }

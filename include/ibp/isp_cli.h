@@ -73,8 +73,10 @@ typedef enum {
 IBP_API u32 ISP_CLI_BatchInit(void);
 /** Runs one line through the interpreter as if typed, printing what the
  * terminal would show; a line that ends in TAB or "?" is printed as it stands
- * afterwards. Returns an ISP_CLI_BATCH_E; ISP_CLI_BATCH_WRONG for a null
- * line or one longer than ISP_CLI_BATCH_LINE_MAX. */
+ * afterwards. A Wrong, Ambiguous or Incomplete report (the line, its caret and
+ * the text) goes to standard error, the rest to standard output. Returns an
+ * ISP_CLI_BATCH_E; ISP_CLI_BATCH_WRONG for a null line or one longer than
+ * ISP_CLI_BATCH_LINE_MAX. */
 IBP_API u32 ISP_CLI_BatchLine(const char *pcLine);
 /** Turns on the ways of the debug tool program for its user, before
  * ISP_CLI_Init or the first ISP_CLI_BatchLine: text from the service with its

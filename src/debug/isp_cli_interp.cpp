@@ -129,12 +129,18 @@ CLI_RESULT_E CLI_PrintReport(CliReport enReport, u32 ulWordIdx)
         break;
     case CliReport::kIncomplete: ulColumn = CLI_TrimmedLen(gszLineBuf); break;
     }
-    if (CLI_IsBatchOutput())
+    // Without a terminal a report is no answer: standard output keeps those alone.
+    const bool bBatch = CLI_IsBatchOutput();
+    if (bBatch) {
+        CLI_BatchToStderr(true);
         CLI_Write(gszLineBuf);  // no terminal has echoed it
+    }
     CLI_Puts("\r");
     CLI_Blanks(strlen(gszSysPrompt) + ulColumn);
     CLI_Write(pcCaret);
     CLI_Puts(stReport.pcText);
+    if (bBatch)
+        CLI_BatchToStderr(false);
     return stReport.enResult;
 }
 

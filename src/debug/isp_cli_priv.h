@@ -40,6 +40,8 @@ typedef enum { CLI_HIST_UP = 0, CLI_HIST_DOWN = 1 } CLI_HIST_DIR_E;
 void CLI_SetBatchOutput(bool bBatch);
 bool CLI_IsBatchOutput();
 void CLI_StartBatchLine();
+// Without a terminal, what went wrong goes to standard error while bOn.
+void CLI_BatchToStderr(bool bOn);
 void CLI_Write(const char *pcText);
 void CLI_Printf(const char *pcFormat, ...) IBP_PRINTF(1, 2);
 void CLI_Puts(const char *pcText);  // as puts: the text and a line feed

@@ -45,7 +45,11 @@ std::string CLI_ServiceText(const char *pcText)
     std::string sOut;
     u32 ulTail = 0;  // continuation bytes still due to a UTF-8 sequence
     for (const char *pc = pcText; *pc != '\0'; pc++) {
-        const u8 ucByte = static_cast<u8>(*pc);
+        u8 ucByte = static_cast<u8>(*pc);
+        // U+0080..U+009F are the C1 controls in UTF-8: shown as the bare byte
+        // is, for a terminal that takes UTF-8 acts on them as on the byte.
+        if (ucByte == 0xC2 && static_cast<u8>(pc[1]) >= 0x80 && static_cast<u8>(pc[1]) < 0xA0)
+            ucByte = static_cast<u8>(*++pc), ulTail = 0;
         const bool bContinues = ulTail != 0 && (ucByte & 0xC0) == 0x80;
         ulTail = bContinues ? ulTail - 1 : CLI_Utf8Tail(ucByte);
         if ((ucByte < 0x20 && ucByte != '\n' && ucByte != '\t') || ucByte == 0x7F) {

@@ -33,6 +33,7 @@ CLI_NODE_S *gpstListHead = nullptr;
 
 bool gbBatchOutput = false;
 bool gbSkipFirstLf = false;
+bool gbToStderr = false;
 
 struct CLI_FIXED_ANSWER_S {
     const char *pcAnswer;
@@ -139,6 +140,12 @@ void CLI_SetBatchOutput(bool bBatch) { gbBatchOutput = bBatch; }
 bool CLI_IsBatchOutput() { return gbBatchOutput; }
 void CLI_StartBatchLine() { gbSkipFirstLf = true; }
 
+void CLI_BatchToStderr(bool bOn)
+{
+    fflush(stdout);  // what came before stays before where both streams meet
+    gbToStderr = bOn;
+}
+
 void CLI_Write(const char *pcText)
 {
     if (!gbBatchOutput) {
@@ -153,7 +160,7 @@ void CLI_Write(const char *pcText)
             continue;
         }
         gbSkipFirstLf = false;
-        putchar(*pc);
+        putc(*pc, gbToStderr ? stderr : stdout);
     }
 }
 

@@ -163,10 +163,10 @@ void Answer(Played *pPlay)
 }
 
 // Runs ibp-dt with vecArgs on a pseudo-terminal whose erase character is
-// 0x7F, types `sKeys` once its prompt shows, then hangs up if asked to. With
-// a script the test plays the service.
+// 0x7F, types `sKeys` once its prompt shows, then hangs up or sends lSignal if
+// asked to. With a script the test plays the service.
 Session Type(const std::string &sKeys, const std::vector<std::string> &vecArgs = {}, Played *pPlay = nullptr,
-             bool bHangUp = false)
+             bool bHangUp = false, int lSignal = 0)
 {
     Session s;
     int lMaster = -1, lSlave = -1, ex[2];
@@ -197,6 +197,8 @@ Session Type(const std::string &sKeys, const std::vector<std::string> &vecArgs =
             EXPECT_EQ(write(lMaster, sKeys.data(), sKeys.size()), ssize_t(sKeys.size()));
             if (bHangUp)
                 close(lMaster), lMaster = p[1].fd = -1;
+            if (lSignal != 0)
+                kill(pid, lSignal);
         }
         if ((p[2].revents & POLLIN) != 0)
             Answer(pPlay);
@@ -269,6 +271,9 @@ TEST(DebugTool, TranscriptsInAPseudoTerminal)
     PlayTranscripts(false);
     // A terminal that goes away ends the tool as "q" does, without spinning.
     EXPECT_EQ(Type("isp bp", {}, nullptr, true).lStatus, 0);
+    const Session stKilled = Type("isp bp", {}, nullptr, false, SIGTERM);  // the terminal put back all the same
+    EXPECT_EQ(stKilled.lStatus, 128 + SIGTERM);
+    EXPECT_TRUE(stKilled.bRestored);
 }
 
 TEST(DebugTool, LinesWithoutATerminalAndTheirExitStatus)
@@ -280,10 +285,11 @@ TEST(DebugTool, LinesWithoutATerminalAndTheirExitStatus)
     EXPECT_EQ(stNone.sOut + stNone.sErr, Data("no_answer.txt"));
     Service isp;
     ASSERT_TRUE(isp.Ready());
-    for (const auto &row : Rows("debug/data/dt_lines.txt")) {  // arguments, exit status, standard output
+    for (const auto &row : Rows("debug/data/dt_lines.txt")) {  // arguments, exit status, the two streams
         const DtRun r = RunDt(Split(row[0], ';'));
         EXPECT_EQ(r.lStatus, std::stoi(row[1])) << row[0] << r.sErr;
         EXPECT_EQ(r.sOut, row[2]) << row[0];
+        EXPECT_EQ(r.sErr, row.size() > 3 ? row[3] : "") << row[0];
     }
 }
 
@@ -342,4 +348,13 @@ TEST(Programs, PingSaysWhatFailsWhileItFailsAndGivesItsFiguresOnSigterm)
     EXPECT_EQ(Wait(ping.pid), 1);
     const std::string sAll = ReadAll(ping.lMaster, ping.sOut);
     EXPECT_EQ(fnmatch(want[2].c_str(), sAll.c_str(), 0), 0) << sAll;
+    // Stopped while its first record waits: nothing answered is a failure, and a second signal ends the wait.
+    OnPty lone({"IBP_PING", "-t;600000", "no answer yet"}, -1);
+    while (!lone.Runs() && !lone.bEnded)
+        lone.Read();
+    kill(lone.pid, SIGINT);
+    for (lone.row[2] = "answered"; !lone.Runs() && !lone.bEnded;)  // the figures are out
+        lone.Read();
+    kill(lone.pid, SIGINT);
+    EXPECT_EQ(Wait(lone.pid), 1);
 }
