@@ -547,6 +547,25 @@ void Report(const std::vector<BurstResult> &raw, const std::vector<BurstResult> 
     }
 }
 
+void ReportBursts(const std::vector<BurstResult> &raw, const std::vector<BurstResult> &ibp, u32 ulCapacity,
+                  u32 ulDefaultBytes)
+{
+    Report(raw, ibp);
+    std::vector<double> sendRates;
+    for (const BurstResult &r : raw)
+        sendRates.push_back(r.dSendRate);
+    // The kernel charges each datagram its whole buffer, not its payload, so
+    // the runtime's socket holds in proportion to its size.
+    u32 ulRuntime = gpstShared->ulRuntimeRcvbuf;
+    double dHeld = ulDefaultBytes != 0 ? static_cast<double>(ulCapacity) * ulRuntime / ulDefaultBytes : 0;
+    bench::Row("2 service socket receive buffer",
+               bench::Fmt("%u KiB, ~%.0f datagrams of %u B", ulRuntime / 1024, dHeld, kDatagram),
+               bench::Fmt("system default %u KiB holds %u", ulDefaultBytes / 1024, ulCapacity),
+               bench::Fmt("%.2f", ulDefaultBytes != 0 ? static_cast<double>(ulRuntime) / ulDefaultBytes : 0),
+               bench::Fmt("%.0f ms of sends at the raw send pace (%.0f k/s)",
+                          dHeld * 1e3 / bench::Median(sendRates), bench::Median(sendRates) / 1e3));
+}
+
 }  // namespace
 
 int main()
@@ -568,7 +587,11 @@ int main()
 
     u32 ulDefaultBytes = 0;
     u32 ulCapacity = RcvbufCapacity(&ulDefaultBytes);
-    std::vector<BurstResult> raw = RawFloor();
+    // IBP_BENCH_TRIPS_ONLY: row 3 alone, for comparing libraries quickly.
+    const bool bTripsOnly = getenv("IBP_BENCH_TRIPS_ONLY") != nullptr;
+    std::vector<BurstResult> raw;
+    if (!bTripsOnly)
+        raw = RawFloor();
 
     pid_t echo = fork();
     if (echo == 0)
@@ -590,7 +613,9 @@ int main()
     SyncTrips(&rtt, &rawRtt, &ulSyncFailed);
     sem_post(&gpstShared->stEchoStop);
     waitpid(echo, nullptr, 0);
-    std::vector<BurstResult> ibp = IbpBursts();
+    std::vector<BurstResult> ibp;
+    if (!bTripsOnly)
+        ibp = IbpBursts();
     sem_post(&gpstShared->stStop);
     waitpid(pid, nullptr, 0);
 
@@ -603,20 +628,8 @@ int main()
                bench::Fmt("%.1f", dMed / dRaw),
                bench::Fmt("goal med <=0.5 ms, p99 <=1 ms, <=3x bare: %s; %d trips each, alternating, after a random "
                           "0-20 ms pause, %u failed", bench::Verdict(bMet), kSyncTrips, ulSyncFailed));
-    Report(raw, ibp);
-    std::vector<double> sendRates;
-    for (const BurstResult &r : raw)
-        sendRates.push_back(r.dSendRate);
-    // The kernel charges each datagram its whole buffer, not its payload, so
-    // the runtime's socket holds in proportion to its size.
-    u32 ulRuntime = gpstShared->ulRuntimeRcvbuf;
-    double dHeld = ulDefaultBytes != 0 ? static_cast<double>(ulCapacity) * ulRuntime / ulDefaultBytes : 0;
-    bench::Row("2 service socket receive buffer",
-               bench::Fmt("%u KiB, ~%.0f datagrams of %u B", ulRuntime / 1024, dHeld, kDatagram),
-               bench::Fmt("system default %u KiB holds %u", ulDefaultBytes / 1024, ulCapacity),
-               bench::Fmt("%.2f", ulDefaultBytes != 0 ? static_cast<double>(ulRuntime) / ulDefaultBytes : 0),
-               bench::Fmt("%.0f ms of sends at the raw send pace (%.0f k/s)",
-                          dHeld * 1e3 / bench::Median(sendRates), bench::Median(sendRates) / 1e3));
+    if (!bTripsOnly)
+        ReportBursts(raw, ibp, ulCapacity, ulDefaultBytes);
     if (gulDtErr + gpstShared->ulChildErr != 0)
         fprintf(stderr, "bench_msg_ipc: ERR records: debug tool %u (first: %.200s) service %u (first: %.200s)\n",
                 gulDtErr.load(), gszDtErr, gpstShared->ulChildErr.load(), gpstShared->szChildErr);
