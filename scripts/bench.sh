@@ -29,7 +29,9 @@ if [ "${1:-}" = --inside ]; then
         --benchmark_min_time=0.2 --benchmark_out_format=json)
 
     echo "== circular buffer" >&2
-    "$dir/bench/bench_circbuf" "${gb[@]}" --benchmark_out="$dir/circbuf.json" \
+    # Nine repetitions: the copies swing with the host's memory traffic by
+    # +-5%, as much as the margin of the goal.
+    "$dir/bench/bench_circbuf" "${gb[@]}" --benchmark_repetitions=9 --benchmark_out="$dir/circbuf.json" \
         --benchmark_filter='BM_CircBufWriteRead|BM_MemcpyLock' >"$dir/bench_circbuf.log" 2>&1 &&
     jq -r '
         [.benchmarks[] | select(.aggregate_name == "median")] as $m
@@ -43,7 +45,7 @@ if [ "${1:-}" = --inside ]; then
           + "\t2 memcpy + lock/unlock \($f / 1e9 * 100 | round / 100) GB/s\t\($r * 100 | round / 100)"
           + "\t" + (if $k < 1024 then "no goal below 1 KiB"
                     elif $r >= 0.8 then "goal >=0.80: met" else "goal >=0.80: MISSED" end)
-          + "; median of 5; with a lock per copy: \($f2 / 1e9 * 100 | round / 100) GB/s (\($v / $f2 * 100 | round / 100))"
+          + "; median of 9; with a lock per copy: \($f2 / 1e9 * 100 | round / 100) GB/s (\($v / $f2 * 100 | round / 100))"
         ' "$dir/circbuf.json" >>"$rows" || echo "ROW	5 circular buffer	FAILED	-	-	see $dir/bench_circbuf.log" >>"$rows"
 
     echo "== log" >&2
