@@ -5,11 +5,11 @@
 
 #include <chrono>
 #include <filesystem>
-#include <fstream>
 #include <mutex>
 #include <semaphore>
 #include <thread>
 
+#include "harness/files.h"
 #include "harness/service.h"
 #include "runtime/mod_ratelimit.h"
 #include "runtime/module_internal.h"
@@ -75,14 +75,13 @@ constexpr u16 kDtPort = 7002;
 // /proc/self/task, found by its name; ~0 when it is not found.
 u64 ProcThreadSleeps()
 {
+    constexpr std::string_view kKey = "\nvoluntary_ctxt_switches:";
     for (const auto &task : std::filesystem::directory_iterator("/proc/self/task")) {
-        std::ifstream comm(task.path() / "comm"), status(task.path() / "status");
-        std::string sName, sLine;
-        if (!std::getline(comm, sName) || sName != "MOD_ProcThr")
+        if (ReadFile(task.path() / "comm") != "MOD_ProcThr\n")
             continue;
-        while (std::getline(status, sLine))
-            if (sLine.rfind("voluntary_ctxt_switches:", 0) == 0)
-                return std::stoull(sLine.substr(24));
+        const std::string sStatus = ReadFile(task.path() / "status");
+        const size_t ulAt = sStatus.find(kKey);
+        return ulAt == std::string::npos ? ~0ull : std::stoull(sStatus.substr(ulAt + kKey.size()));
     }
     return ~0ull;
 }
